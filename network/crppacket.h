@@ -16,10 +16,10 @@ namespace Network {
 
 class CrpPacket {
 public:
-    static const unsigned char VERSION = 1;
-    static const unsigned char METHOD_PLAIN = 0;
-    static const unsigned char METHOD_ZERO = 3;
-    static const int HEADER_SIZE = 2;
+    static constexpr unsigned char VERSION = 1;
+    static constexpr unsigned char METHOD_PLAIN = 0;
+    static constexpr unsigned char METHOD_ZERO = 3;
+    static constexpr int HEADER_SIZE = 2;
 
     struct Header {
         unsigned char Version;  // always VERSION
