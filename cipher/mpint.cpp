@@ -1,6 +1,9 @@
 // Limb arithmetic and the MPInt wrapper; see mpint.h for the contract.
 #include "cipher/mpint.h"
 
+#include <sys/random.h>
+
+#include <cerrno>
 #include <cstring>
 #include <utility>
 #include <vector>
@@ -869,6 +872,35 @@ void mpi_gen_prime(Base::Random* random, int bits, int rounds, uint64_t* limbs, 
         mpi_gen_random(random, bits, limbs, size);
         limbs[0] |= 1;
     } while (!mpi_is_prime(limbs, size, rounds));
+}
+
+void mpi_random_bytes(Base::Random* fallback, void* dst, int length)
+{
+    unsigned char* out = (unsigned char*)dst;
+    int done = 0;
+    while (done < length) {
+        ssize_t got = getrandom(out + done, length - done, 0);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got <= 0)
+            break;
+        done += (int)got;
+    }
+    for (; done < length; done++)
+        out[done] = (unsigned char)fallback->next();
+}
+
+void mpi_gen_secret(Base::Random* fallback, int bits, uint64_t* limbs, int& size)
+{
+    if (bits <= 0) {
+        size = 0;
+        return;
+    }
+    int n = (bits + 63) / 64;
+    mpi_random_bytes(fallback, limbs, n * 8);
+    int shift = (64 - bits % 64) % 64;
+    limbs[n - 1] = (limbs[n - 1] | (1ULL << 63)) >> shift;
+    size = n;
 }
 
 static int hex_digit(char c)

@@ -85,6 +85,11 @@ bool mpi_is_prime(const uint64_t* a, int an, int rounds);
 // A random number of exactly `bits` bits; limbs holds (bits + 63) / 64.
 void mpi_gen_random(Base::Random* random, int bits, uint64_t* limbs, int& size);
 void mpi_gen_prime(Base::Random* random, int bits, int rounds, uint64_t* limbs, int& size);
+// Secret material (private keys, ephemeral scalars, padding seeds) comes
+// from the kernel's generator; the given generator serves only when that
+// fails. gen_secret has the shape of mpi_gen_random: exactly `bits` bits.
+void mpi_random_bytes(Base::Random* fallback, void* dst, int length);
+void mpi_gen_secret(Base::Random* fallback, int bits, uint64_t* limbs, int& size);
 
 // Text and bytes. to_hex writes 16 digits a limb, no prefix, "0" for zero;
 // to_dec writes plain digits. Both terminate and return the length;

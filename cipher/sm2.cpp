@@ -131,7 +131,7 @@ bool Sm2::set_public_key(const char* x_hex, const char* y_hex)
 void Sm2::gen_keys()
 {
     std::memset(d.v, 0, limbs * 8);
-    mpi_gen_random(&random, bits - 1, d.v, d.n);
+    mpi_gen_secret(&random, bits - 1, d.v, d.n);
     d.n = mpi_normalize(d.v, d.n);
     reduce_below_order(d);
     derive_public_key();
@@ -151,7 +151,7 @@ bool Sm2::set_k(const char* hex)
 void Sm2::gen_k()
 {
     std::memset(k.v, 0, limbs * 8);
-    mpi_gen_random(&random, bits - 1, k.v, k.n);
+    mpi_gen_secret(&random, bits - 1, k.v, k.n);
     k.n = mpi_normalize(k.v, k.n);
 }
 

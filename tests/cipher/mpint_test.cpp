@@ -2,6 +2,8 @@
 // the multiplication paths, text and byte forms, and the MPInt wrapper.
 #include "cipher/mpint.h"
 
+#include "base/random.h"
+
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -348,4 +350,34 @@ TEST(MpintTest, WrapperSignsAndText)
     ctr.shift_right();
     ctr.shift_right();
     EXPECT_EQ(0, copy.cmp(&ctr));
+}
+
+// Keys and padding seeds must not come from the 31-bit Lehmer generator: its
+// limbs (two draws each) always have bits 31 and 63 clear, and its whole
+// output follows from one 31-bit state.
+TEST(MpintTest, SecretsUseEveryBit)
+{
+    Base::Random fallback(1);
+    uint64_t seen = 0;
+    for (int i = 0; i < 16; i++) {
+        uint64_t limbs[4];
+        int n;
+        mpi_gen_secret(&fallback, 255, limbs, n);
+        ASSERT_EQ(4, n);
+        EXPECT_EQ(254, mpi_get_bits(limbs, n) - 1);
+        for (int j = 0; j < 3; j++)
+            seen |= limbs[j];
+    }
+    EXPECT_TRUE(seen & (1ULL << 31));
+    EXPECT_TRUE(seen & (1ULL << 63));
+    // Two generators with the same seed give the same numbers; secrets differ.
+    Base::Random r1(5), r2(5);
+    uint64_t a[4], b[4];
+    int an, bn;
+    mpi_gen_random(&r1, 256, a, an);
+    mpi_gen_random(&r2, 256, b, bn);
+    EXPECT_EQ(0, std::memcmp(a, b, sizeof(a)));
+    mpi_gen_secret(&r1, 256, a, an);
+    mpi_gen_secret(&r2, 256, b, bn);
+    EXPECT_NE(0, std::memcmp(a, b, sizeof(a)));
 }
