@@ -5,8 +5,14 @@
 #include "tests/base/alloc_counter.h"
 
 std::atomic<long> g_test_allocations{0};
+std::atomic<void (*)()> g_test_allocation_hook{nullptr};
 
 void* operator new(std::size_t size) {
+    // Relaxed: the hook is set and used by one test thread.
+    if (g_test_allocation_hook.load(std::memory_order_relaxed) != nullptr) {
+        void (*hook)() = g_test_allocation_hook.exchange(nullptr);
+        if (hook != nullptr) hook();
+    }
     // Relaxed: a plain tally, read by the test thread after its own calls.
     g_test_allocations.fetch_add(1, std::memory_order_relaxed);
     if (size == 0) size = 1;
