@@ -26,6 +26,14 @@ struct File {
     }
 };
 
+// Loaded descriptions live for the process, since lookups may have handed
+// them out; this list keeps them reachable.
+struct LoadedDesc {
+    FieldDesc* desc;
+    LoadedDesc* next;
+};
+LoadedDesc* g_loaded_descs = nullptr;
+
 }  // namespace
 
 void register_catalog_field(const FieldCatalog& catalog, FieldDesc* desc) {
@@ -105,7 +113,8 @@ int load_catalog(const FieldCatalog& catalog, const char* path) {
             delete desc;
             return 0;
         }
-        register_catalog_field(catalog, desc);  // loaded descriptions live for the process
+        g_loaded_descs = new LoadedDesc{desc, g_loaded_descs};
+        register_catalog_field(catalog, desc);
     }
     if (!read_all(file.f, &count, 4)) return 0;
     for (unsigned int i = 0; i < count; ++i) {

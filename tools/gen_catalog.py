@@ -107,8 +107,8 @@ def read_table(path):
                 fail(path, number, '%s has size %d, not %d' % (code, fixed, size))
             if size <= 0:
                 fail(path, number, 'size must be positive')
-            if domains.setdefault(domain, (code, size)) != (code, size):
-                fail(path, number, 'domain type %s is %s %d elsewhere' % ((domain,) + domains[domain]))
+            if domains.setdefault(domain, (code, size, path, number))[:2] != (code, size):
+                fail(path, number, 'domain type %s is %s %d elsewhere' % ((domain,) + domains[domain][:2]))
             if any(m.name == name for m in records[-1].members):
                 fail(path, number, 'member %s twice in %s' % (name, records[-1].name))
             records[-1].members.append(Member(name, domain, code, size, len(f) == 6))
@@ -118,7 +118,7 @@ def read_table(path):
             packets.append((int(f[1], 0), f[2]))
         else:
             fail(path, number, 'unknown row kind %s' % kind)
-    return records, packets
+    return records, packets, domains
 
 
 def lay_out(records, packets, prefix):
@@ -470,10 +470,18 @@ def write_public_test(family, cfg, records):
     return '\n'.join(out)
 
 
-def generate(family, out_dir, tables):
+def generate(family, out_dir, tables, shared_domains):
     cfg = FAMILIES[family]
     path = os.path.join(tables, family + '.tsv')
-    records, packets = read_table(path)
+    records, packets, domains = read_table(path)
+    # The domain types are one vocabulary across all families.
+    for domain, (code, size, where, line) in domains.items():
+        seen = shared_domains.setdefault(domain, (code, size, where, line))
+        if seen[:2] != (code, size):
+            raise TableError('%s:%d: domain type %s is %s %d in %s:%d' % (where, line, domain, seen[0], seen[1],
+                                                                         seen[2], seen[3]))
+    if any(r.public for r in records) and not cfg['public_header']:
+        raise TableError('%s: family %s has no public records' % (path, family))
     lay_out(records, packets, cfg['prefix'])
     files = {cfg['header']: write_header(family, cfg, records, packets),
              cfg['source']: write_source(family, cfg, records, packets)}
@@ -506,9 +514,10 @@ def main(argv):
         i += 1
     if not families:
         families = [f for f in FAMILIES if os.path.exists(os.path.join(tables, f + '.tsv'))]
+    shared_domains = {}
     try:
         for family in families:
-            generate(family, out_dir, tables)
+            generate(family, out_dir, tables, shared_domains)
     except (TableError, KeyError, ValueError, OSError) as e:
         sys.stderr.write('gen_catalog: %s\n' % e)
         return 1

@@ -4,6 +4,8 @@
 #include <cstring>
 #include <set>
 #include <string>
+#include <thread>
+#include <vector>
 #include <unistd.h>
 
 #include "base/fielddesc.h"
@@ -340,6 +342,30 @@ TEST(QelCatalogue, PacketsAndLookups) {
         memcpy(&id, node->key, 2);
         EXPECT_EQ(get_qel_packet_id(static_cast<const char*>(node->value)), id);
     }
+}
+
+// Descriptions and maps are read-only after start: threads share them freely.
+TEST(QelCatalogue, ConcurrentReaders) {
+    std::vector<std::thread> threads;
+    std::vector<int> failures(4, 0);
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([t, &failures] {
+            unsigned char record[1024], wire[1024], back[1024];
+            for (int round = 0; round < 200; ++round) {
+                const QelRecordCoder& coder = g_qel_record_coders[(round * 7 + t) % QEL_RECORD_COUNT];
+                const FieldDesc* desc = coder.desc;
+                if (get_qel_field_desc(desc->id) != desc || get_qel_field_desc(desc->name) != desc) ++failures[t];
+                if (get_qel_packet_id(get_qel_packet_name(0x1005)) != 0x1005) ++failures[t];
+                memset(record, round & 0x3F, desc->struct_size);
+                coder.to_stream(record, wire, desc->struct_size);
+                coder.from_stream(back, wire, desc->stream_size, true);
+                if (desc->hash_key(record) != desc->hash_key(record)) ++failures[t];
+                if (desc->get_member_index(desc->get_member_desc(0)->name) != 0) ++failures[t];
+            }
+        });
+    }
+    for (std::thread& t : threads) t.join();
+    for (int f : failures) EXPECT_EQ(f, 0);
 }
 
 // Runs last in this suite: a load replaces the process-wide maps, so the test
