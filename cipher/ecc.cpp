@@ -43,9 +43,14 @@ struct Field {
     void mul(uint64_t* r, int& rn, const uint64_t* a, int an, const uint64_t* b, int bn) const
     {
         if (montgomery) {
-            uint64_t ta[W] = {}, tb[W] = {};
-            std::memcpy(ta, a, mpi_normalize(a, an) * 8);
-            std::memcpy(tb, b, mpi_normalize(b, bn) * 8);
+            // The product reads pn limbs of each operand: pad them with zeros.
+            uint64_t ta[W], tb[W];
+            an = mpi_normalize(a, an);
+            bn = mpi_normalize(b, bn);
+            for (int i = 0; i < pn; i++) {
+                ta[i] = i < an ? a[i] : 0;
+                tb[i] = i < bn ? b[i] : 0;
+            }
             mpi_mont_mul(ta, ta, tb, p, pn, m0inv);
             copy_num(r, rn, ta, mpi_normalize(ta, pn));
             return;
