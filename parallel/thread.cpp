@@ -8,19 +8,9 @@
 #include "base/measure.h"
 #include "base/print.h"
 #include "base/strings.h"
-
-std::atomic<uint64_t> g_global_clock{Base::Measure::get_clock()};
-std::atomic<uint8_t> g_enable_global_clock{0};
+#include "base/switches.h"
 
 namespace Parallel {
-
-uint64_t read_clock() {
-    // acquire: pairs with the clock thread's store; the reading is only a
-    // number, but it must not be older than what this thread saw before.
-    if (g_enable_global_clock.load(std::memory_order_relaxed))
-        return g_global_clock.load(std::memory_order_acquire);
-    return Base::Measure::get_clock();
-}
 
 void init_general_cpu_set(cpu_set_t* set, long count) {
     std::memset(set, 0, sizeof(cpu_set_t));
@@ -79,12 +69,12 @@ void Thread::before_proc() {}
 void Thread::after_proc() {}
 
 ClockThread::ClockThread() : Thread("clock_thread") {
-    g_global_clock.store(Base::Measure::get_clock(), std::memory_order_release);
+    Base::set_global_clock(Base::Measure::get_clock());
 }
 
 void ClockThread::loop_proc() {
     static thread_local timeval timeout;
-    g_global_clock.store(Base::Measure::get_clock(), std::memory_order_relaxed);
+    Base::set_global_clock(Base::Measure::get_clock());
     // Full fence: the new reading is published before the thread sleeps.
     std::atomic_thread_fence(std::memory_order_seq_cst);
     timeout.tv_sec = 0;
