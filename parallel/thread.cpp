@@ -74,9 +74,9 @@ ClockThread::ClockThread() : Thread("clock_thread") {
 
 void ClockThread::loop_proc() {
     static thread_local timeval timeout;
-    Base::set_global_clock(Base::Measure::get_clock());
-    // Full fence: the new reading is published before the thread sleeps.
-    std::atomic_thread_fence(std::memory_order_seq_cst);
+    // A sequentially consistent store: the store and a full fence, so the
+    // new reading is published before the thread sleeps.
+    __atomic_store_n(&Base::g_global_clock, Base::Measure::get_clock(), __ATOMIC_SEQ_CST);
     timeout.tv_sec = 0;
     timeout.tv_usec = 1;
     select(0, nullptr, nullptr, nullptr, &timeout);
