@@ -42,7 +42,7 @@ uint64_t interval_ticks(const Timer* timer) { return uint64_t(int64_t(timer->int
 
 bool heap_empty(Base::Heap* heap) { return heap->get_size() == 0; }
 
-TimerEntry* heap_top(Base::Heap* heap) { return static_cast<TimerEntry*>(heap->get(0)); }
+TimerEntry* heap_top(Base::Heap* heap) { return static_cast<TimerEntry*>(heap->top()); }
 
 }  // namespace
 
