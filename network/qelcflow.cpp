@@ -126,6 +126,9 @@ unsigned long QelcFlow::Writer::add_packet(const QelcPacket::Header* source, boo
 char* QelcFlow::Writer::alloc_xmp_packet() { return alloc_frame(); }
 
 unsigned long QelcFlow::Writer::commit_xmp_packet(unsigned short size, bool notify) {
+    // Every record of the flow carries its subject and id + 1, whatever
+    // the caller wrote there.
+    stamp(frame, flow->get_subject(), next_sequence());
     put_be16(frame + 2, static_cast<unsigned short>(size + 2));
     return flow->commit_object(static_cast<unsigned short>(size + PREFIX_SIZE), notify);
 }
