@@ -137,6 +137,9 @@ DataFlow::Iterator::Iterator(DataFlow* reading, Notify* wake, ReadCallback* call
       read_callback(callback),
       recycle_pos(cell),
       block(nullptr),
+      block_first(0),
+      block_data(nullptr),
+      block_end(nullptr),
       offset(0),
       item{nullptr, 0},
       consumer(nullptr),
@@ -208,31 +211,32 @@ const DataFlow::Item* DataFlow::Iterator::next() {
     if (f->count.load(std::memory_order_acquire) <= position) return nullptr;
     DataMem::Block* b = block;
     if (!b) return nullptr;
-    if (offset == b->used.load(std::memory_order_relaxed)) {
+    unsigned long start = f->get_start_id();
+    unsigned long k = position - start - block_first;
+    unsigned int behind;
+    // The block's constant fields are cached: its header shares a cache
+    // line with the counters that the writer changes with every append.
+    if (offset + 4 * (k + 1) > static_cast<unsigned long>(block_end - block_data) ||
+        (behind = table_entry(k)) == DataMem::SEAL) {
+        // Record k opened the next block.
         DataMem::Block* following = b->next.load(std::memory_order_acquire);
-        unsigned long records = b->records.load(std::memory_order_relaxed);
-        unsigned long first = b->first.load(std::memory_order_relaxed);
-        if (!following || following->first.load(std::memory_order_relaxed) != first + records ||
+        if (!following || following->first.load(std::memory_order_relaxed) != block_first + k ||
             following->used.load(std::memory_order_relaxed) == 0)
             return nullptr;
         if (offset != b->used.load(std::memory_order_relaxed)) return nullptr;
         if (f->auto_recycle) {
-            f->mem->recycled.fetch_add(records, std::memory_order_relaxed);
+            f->mem->recycled.fetch_add(k, std::memory_order_relaxed);
             // Hands the block back to the writer: we have read all of it.
             b->is_recycled.store(1, std::memory_order_release);
         }
-        block = b = following;
+        enter_block(b = following);
         offset = 0;
-        if (recycle_pos) {
-            unsigned long mark =
-                following->first.load(std::memory_order_relaxed) + f->get_start_id();
-            if (mark > __atomic_load_n(recycle_pos, __ATOMIC_RELAXED)) store_recycle_pos(mark);
-        }
+        behind = table_entry(0);
+        if (recycle_pos && block_first + start > __atomic_load_n(recycle_pos, __ATOMIC_RELAXED))
+            store_recycle_pos(block_first + start);
     }
-    unsigned long k = position - f->get_start_id() - b->first.load(std::memory_order_relaxed);
-    unsigned int behind = b->entry(k);
-    unsigned int length = k == 0 ? behind : behind - b->entry(k - 1);
-    item.data = b->data + offset;
+    unsigned int length = behind - offset;
+    item.data = block_data + offset;
     item.length = static_cast<unsigned short>(length);
     offset += static_cast<unsigned short>(length);
     if (read_callback) read_callback->on_read(position, item.data, item.length);
@@ -249,7 +253,7 @@ bool DataFlow::Iterator::seek(unsigned long id) {
     if (id > published) id = published;
     if (id == position) return true;
     if (id == start) {
-        block = f->mem->head.load(std::memory_order_relaxed);
+        enter_block(f->mem->head.load(std::memory_order_relaxed));
         position = id;
         offset = 0;
         return true;
@@ -272,8 +276,8 @@ bool DataFlow::Iterator::seek(unsigned long id) {
         if (!entry || !entry->block) return false;
         b = entry->block;
     }
-    block = b;
-    unsigned long k = n - b->first.load(std::memory_order_relaxed);
+    enter_block(b);
+    unsigned long k = n - block_first;
     offset = k == 0 ? 0 : b->entry(k - 1);
     position = id;
     if (recycle_pos && __atomic_load_n(recycle_pos, __ATOMIC_RELAXED) < id) store_recycle_pos(id);

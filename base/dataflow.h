@@ -193,7 +193,20 @@ protected:
     unsigned long position;  // id of the next record; all ones when detached
     ReadCallback* read_callback;
     unsigned long* recycle_pos;
+    void enter_block(DataMem::Block* b) {
+        block = b;
+        block_first = b ? b->first.load(std::memory_order_relaxed) : 0;
+        block_data = b ? b->data : nullptr;
+        block_end = b ? b->end : nullptr;
+    }
+    unsigned int table_entry(unsigned long i) const {
+        return *reinterpret_cast<const uint32_t*>(block_end - 4 * (i + 1));
+    }
+
     DataMem::Block* block;
+    unsigned long block_first;  // the block's first record and data area,
+    const char* block_data;     // read once per block
+    const char* block_end;
     unsigned int offset;
     Item item;
     Consumer* consumer;

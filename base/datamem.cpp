@@ -98,6 +98,11 @@ char* DataMem::alloc(unsigned short size) {
         unsigned long need = cur->used.load(std::memory_order_relaxed) + size + (records + 1) * 4;
         if (need <= cur->size) return cur->data + cur->used.load(std::memory_order_relaxed);
 
+        // Seal the block: readers at its next slot learn that the next
+        // record is in the next block. Published by the commit's count.
+        unsigned int end_used = cur->used.load(std::memory_order_relaxed);
+        if (cur->has_slot(records, end_used)) cur->set_entry(records, SEAL);
+
         Block* block = cur->next.load(std::memory_order_relaxed);
         if (block) {
             block->reset();

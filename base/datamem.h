@@ -6,6 +6,13 @@
 // behind record i of the block. An index (one entry per block made current)
 // finds the block of a record number by binary search.
 //
+// When the writer leaves a block for the next, it writes SEAL into the
+// table slot that the next record would have taken, if the block has room
+// for the slot. A reader standing at record k of a block thus learns from
+// the table alone whether k is there: no room for slot k, or SEAL in it,
+// means that k opened the next block. Readers need not look at the block's
+// header for every record, which the writer changes with every append.
+//
 // One thread writes (alloc, append, truncate, clear, free). Readers on other
 // threads walk blocks without a lock: the fields they look at while the
 // writer works are atomics, and the flow above publishes records by one
@@ -34,6 +41,11 @@ public:
         std::atomic<Block*> next;
 
         // Table entry i: offset just behind record i of this block.
+        // True when slot i of the table lies clear of records that end at
+        // offset: only then can it hold an entry or the seal.
+        bool has_slot(unsigned long i, unsigned int offset) const {
+            return offset + 4 * (i + 1) <= size;
+        }
         unsigned int entry(unsigned long i) const {
             return *reinterpret_cast<const uint32_t*>(end - 4 * (i + 1));
         }
@@ -55,6 +67,7 @@ public:
     };
 
     static const unsigned int MIN_BLOCK_SIZE = 0x100000;
+    static const unsigned int SEAL = 0xFFFFFFFFu;  // no offset is this large
 
     DataMem(unsigned int first_block_size, unsigned int block_size, unsigned char align,
             Memory* memory);
