@@ -1,0 +1,212 @@
+#include "cipher/aes.h"
+
+#include "cipher/blockmode.h"
+#include "cipher/byteorder.h"
+
+namespace Cipher {
+
+namespace {
+
+// The S-box and the four lookup tables per direction, built at compile time
+// from the field GF(2^8) mod x^8 + x^4 + x^3 + x + 1. te[0][x] is the column
+// S(x) * (2, 1, 1, 3) as a big-endian word and te[k] is te[0] rotated right
+// by 8k bits; td likewise with the inverse S-box and (14, 9, 13, 11).
+struct AesTables {
+    uint8_t sbox[256];
+    uint8_t inv_sbox[256];
+    uint32_t te[4][256];
+    uint32_t td[4][256];
+
+    static constexpr uint8_t xtime(uint8_t x) { return uint8_t((x << 1) ^ ((x & 0x80) ? 0x1b : 0)); }
+
+    static constexpr uint8_t mul(uint8_t a, uint8_t b) {
+        uint8_t r = 0;
+        for (int i = 0; i < 8; ++i) {
+            if (b & 1)
+                r ^= a;
+            a = xtime(a);
+            b >>= 1;
+        }
+        return r;
+    }
+
+    static constexpr uint8_t rotl8(uint8_t x, int n) { return uint8_t((x << n) | (x >> (8 - n))); }
+
+    static constexpr uint32_t rotr(uint32_t x, int n) { return n ? (x >> n) | (x << (32 - n)) : x; }
+
+    static constexpr uint32_t column(uint8_t s, uint8_t a, uint8_t b, uint8_t c, uint8_t d) {
+        return uint32_t(mul(s, a)) << 24 | uint32_t(mul(s, b)) << 16 | uint32_t(mul(s, c)) << 8 |
+               mul(s, d);
+    }
+
+    constexpr AesTables() : sbox(), inv_sbox(), te(), td() {
+        uint8_t exp[256] = {}, log[256] = {};
+        uint8_t x = 1;
+        for (int i = 0; i < 255; ++i) {  // 3 generates the multiplicative group
+            exp[i] = x;
+            log[x] = uint8_t(i);
+            x = uint8_t(x ^ xtime(x));
+        }
+        for (int i = 0; i < 256; ++i) {
+            uint8_t inv = i ? exp[(255 - log[i]) % 255] : 0;
+            uint8_t s = uint8_t(inv ^ rotl8(inv, 1) ^ rotl8(inv, 2) ^ rotl8(inv, 3) ^ rotl8(inv, 4) ^ 0x63);
+            sbox[i] = s;
+            inv_sbox[s] = uint8_t(i);
+        }
+        for (int i = 0; i < 256; ++i) {
+            uint32_t e = column(sbox[i], 2, 1, 1, 3);
+            uint32_t d = column(inv_sbox[i], 14, 9, 13, 11);
+            for (int k = 0; k < 4; ++k) {
+                te[k][i] = rotr(e, 8 * k);
+                td[k][i] = rotr(d, 8 * k);
+            }
+        }
+    }
+};
+
+constexpr AesTables g_aes;
+
+inline uint32_t sub_word(uint32_t w) {
+    const uint8_t* s = g_aes.sbox;
+    return uint32_t(s[w >> 24]) << 24 | uint32_t(s[(w >> 16) & 0xff]) << 16 |
+           uint32_t(s[(w >> 8) & 0xff]) << 8 | s[w & 0xff];
+}
+
+inline uint32_t inv_mix_column(uint32_t w) {
+    // td[k][inv_sbox[S(b)]] cancels the S-box and leaves InvMixColumns.
+    return g_aes.td[0][g_aes.sbox[w >> 24]] ^ g_aes.td[1][g_aes.sbox[(w >> 16) & 0xff]] ^
+           g_aes.td[2][g_aes.sbox[(w >> 8) & 0xff]] ^ g_aes.td[3][g_aes.sbox[w & 0xff]];
+}
+
+}  // namespace
+
+Aes::Aes(const unsigned char* key, int key_size) : chain(), pad() {
+    int size = key_size <= 16 ? 16 : key_size <= 24 ? 24 : 32;
+    unsigned char k[32] = {};
+    if (key && key_size > 0)
+        memcpy(k, key, size_t(key_size < size ? key_size : size));
+    int nk = size / 4;
+    rounds = nk + 6;
+    int words = 4 * (rounds + 1);
+    for (int i = 0; i < nk; ++i)
+        encode_keys[i] = load_be32(k + 4 * i);
+    uint32_t rcon = 0x01;
+    for (int i = nk; i < words; ++i) {
+        uint32_t t = encode_keys[i - 1];
+        if (i % nk == 0) {
+            t = sub_word(rotl32(t, 8)) ^ (rcon << 24);
+            rcon = AesTables::xtime(uint8_t(rcon));
+        } else if (nk > 6 && i % nk == 4) {
+            t = sub_word(t);
+        }
+        encode_keys[i] = encode_keys[i - nk] ^ t;
+    }
+    // The equivalent inverse cipher: round keys in reverse order, the inner
+    // ones passed through InvMixColumns.
+    for (int r = 0; r <= rounds; ++r)
+        for (int j = 0; j < 4; ++j) {
+            uint32_t w = encode_keys[4 * (rounds - r) + j];
+            decode_keys[4 * r + j] = (r == 0 || r == rounds) ? w : inv_mix_column(w);
+        }
+    memset(k, 0, sizeof(k));
+}
+
+Aes::~Aes() {}
+
+void Aes::encode(unsigned char* dst, const unsigned char* src) {
+    const uint32_t* rk = encode_keys;
+    const auto& t = g_aes.te;
+    uint32_t s0 = load_be32(src) ^ rk[0];
+    uint32_t s1 = load_be32(src + 4) ^ rk[1];
+    uint32_t s2 = load_be32(src + 8) ^ rk[2];
+    uint32_t s3 = load_be32(src + 12) ^ rk[3];
+    for (int r = 1; r < rounds; ++r) {
+        rk += 4;
+        uint32_t t0 = t[0][s0 >> 24] ^ t[1][(s1 >> 16) & 0xff] ^ t[2][(s2 >> 8) & 0xff] ^ t[3][s3 & 0xff] ^ rk[0];
+        uint32_t t1 = t[0][s1 >> 24] ^ t[1][(s2 >> 16) & 0xff] ^ t[2][(s3 >> 8) & 0xff] ^ t[3][s0 & 0xff] ^ rk[1];
+        uint32_t t2 = t[0][s2 >> 24] ^ t[1][(s3 >> 16) & 0xff] ^ t[2][(s0 >> 8) & 0xff] ^ t[3][s1 & 0xff] ^ rk[2];
+        uint32_t t3 = t[0][s3 >> 24] ^ t[1][(s0 >> 16) & 0xff] ^ t[2][(s1 >> 8) & 0xff] ^ t[3][s2 & 0xff] ^ rk[3];
+        s0 = t0;
+        s1 = t1;
+        s2 = t2;
+        s3 = t3;
+    }
+    rk += 4;
+    const uint8_t* s = g_aes.sbox;
+    auto last = [s](uint32_t a, uint32_t b, uint32_t c, uint32_t d) {
+        return uint32_t(s[a >> 24]) << 24 | uint32_t(s[(b >> 16) & 0xff]) << 16 |
+               uint32_t(s[(c >> 8) & 0xff]) << 8 | s[d & 0xff];
+    };
+    store_be32(dst, last(s0, s1, s2, s3) ^ rk[0]);
+    store_be32(dst + 4, last(s1, s2, s3, s0) ^ rk[1]);
+    store_be32(dst + 8, last(s2, s3, s0, s1) ^ rk[2]);
+    store_be32(dst + 12, last(s3, s0, s1, s2) ^ rk[3]);
+}
+
+void Aes::decode(unsigned char* dst, const unsigned char* src) {
+    const uint32_t* rk = decode_keys;
+    const auto& t = g_aes.td;
+    uint32_t s0 = load_be32(src) ^ rk[0];
+    uint32_t s1 = load_be32(src + 4) ^ rk[1];
+    uint32_t s2 = load_be32(src + 8) ^ rk[2];
+    uint32_t s3 = load_be32(src + 12) ^ rk[3];
+    for (int r = 1; r < rounds; ++r) {
+        rk += 4;
+        uint32_t t0 = t[0][s0 >> 24] ^ t[1][(s3 >> 16) & 0xff] ^ t[2][(s2 >> 8) & 0xff] ^ t[3][s1 & 0xff] ^ rk[0];
+        uint32_t t1 = t[0][s1 >> 24] ^ t[1][(s0 >> 16) & 0xff] ^ t[2][(s3 >> 8) & 0xff] ^ t[3][s2 & 0xff] ^ rk[1];
+        uint32_t t2 = t[0][s2 >> 24] ^ t[1][(s1 >> 16) & 0xff] ^ t[2][(s0 >> 8) & 0xff] ^ t[3][s3 & 0xff] ^ rk[2];
+        uint32_t t3 = t[0][s3 >> 24] ^ t[1][(s2 >> 16) & 0xff] ^ t[2][(s1 >> 8) & 0xff] ^ t[3][s0 & 0xff] ^ rk[3];
+        s0 = t0;
+        s1 = t1;
+        s2 = t2;
+        s3 = t3;
+    }
+    rk += 4;
+    const uint8_t* s = g_aes.inv_sbox;
+    auto last = [s](uint32_t a, uint32_t b, uint32_t c, uint32_t d) {
+        return uint32_t(s[a >> 24]) << 24 | uint32_t(s[(b >> 16) & 0xff]) << 16 |
+               uint32_t(s[(c >> 8) & 0xff]) << 8 | s[d & 0xff];
+    };
+    store_be32(dst, last(s0, s3, s2, s1) ^ rk[0]);
+    store_be32(dst + 4, last(s1, s0, s3, s2) ^ rk[1]);
+    store_be32(dst + 8, last(s2, s1, s0, s3) ^ rk[2]);
+    store_be32(dst + 12, last(s3, s2, s1, s0) ^ rk[3]);
+}
+
+void Aes::encode_func(void* self, unsigned char* dst, const unsigned char* src) {
+    static_cast<Aes*>(self)->encode(dst, src);
+}
+
+bool Aes::encode_ecb(unsigned char* dst, int& length, const unsigned char* src, int src_length,
+                     bool padding) {
+    return BlockMode::encode_ecb<16>(*this, pad, dst, length, src, src_length, padding);
+}
+
+bool Aes::decode_ecb(unsigned char* dst, int& length, const unsigned char* src, int src_length,
+                     bool padding) {
+    return BlockMode::decode_ecb<16>(*this, dst, length, src, src_length, padding);
+}
+
+bool Aes::encode_cbc(unsigned char* dst, int& length, const unsigned char* src, int src_length,
+                     bool padding, const unsigned char* iv, int iv_size) {
+    return BlockMode::encode_cbc<16>(*this, chain, pad, dst, length, src, src_length, padding, iv,
+                                     iv_size);
+}
+
+bool Aes::decode_cbc(unsigned char* dst, int& length, const unsigned char* src, int src_length,
+                     bool padding, const unsigned char* iv, int iv_size) {
+    return BlockMode::decode_cbc<16>(*this, chain, pad, dst, length, src, src_length, padding, iv,
+                                     iv_size);
+}
+
+bool Aes::encode_ctr(unsigned char* dst, int& length, const unsigned char* src, int src_length,
+                     const unsigned char* iv, int iv_size) {
+    return BlockMode::process_ctr<16>(*this, chain, pad, dst, length, src, src_length, iv, iv_size);
+}
+
+bool Aes::decode_ctr(unsigned char* dst, int& length, const unsigned char* src, int src_length,
+                     const unsigned char* iv, int iv_size) {
+    return BlockMode::process_ctr<16>(*this, chain, pad, dst, length, src, src_length, iv, iv_size);
+}
+
+}  // namespace Cipher

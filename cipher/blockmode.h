@@ -1,0 +1,198 @@
+// ECB, CBC and CTR over any block cipher C of B bytes that has
+// encode(dst, src) and decode(dst, src) for one block, in place allowed.
+// Internal to the cipher modules, which wrap these in their own members.
+//
+// Rules shared by all:
+// - Results are true or false; on false, length is 0.
+// - A null dst only computes length: the output size of an encoder, and the
+//   room a decoder needs (the whole input, pad bytes included).
+// - dst may equal src; other overlaps are not allowed.
+// - Padding is PKCS #7: always 1 to B bytes of value (pad length) are added.
+//   The decoders take the last byte as the pad length without checking the
+//   pad bytes, but never let length go below 0.
+// - iv_size must equal B; a null iv is an all-zero block. CBC starts every
+//   call from iv; the CTR counter is the whole block as one big-endian
+//   number, wrapping at 2^(8B), and counts up by 1 for each block after the
+//   first.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+
+namespace Cipher {
+namespace BlockMode {
+
+inline void xor_block(unsigned char* dst, const unsigned char* a, const unsigned char* b, int n) {
+    int i = 0;
+    for (; i + 8 <= n; i += 8) {
+        uint64_t x, y;
+        memcpy(&x, a + i, 8);
+        memcpy(&y, b + i, 8);
+        x ^= y;
+        memcpy(dst + i, &x, 8);
+    }
+    for (; i < n; ++i)
+        dst[i] = a[i] ^ b[i];
+}
+
+// Checks the shared input rules and gives the output size of an encoder.
+inline bool encoded_size(int& length, const unsigned char* src, int src_length, bool padding, int b) {
+    length = 0;
+    if (src_length < 0 || (!src && src_length > 0))
+        return false;
+    int tail = src_length % b;
+    if (!padding) {
+        if (tail)
+            return false;
+        length = src_length;
+        return true;
+    }
+    if (src_length > 0x7fffffff - b)
+        return false;
+    length = src_length - tail + b;
+    return true;
+}
+
+inline bool decoded_size(int& length, const unsigned char* src, int src_length, int b) {
+    length = 0;
+    if (src_length < 0 || src_length % b || (!src && src_length > 0))
+        return false;
+    length = src_length;
+    return true;
+}
+
+// The lax PKCS #7 rule: subtract the last byte's value, bounded below by 0.
+inline int unpadded_size(const unsigned char* dst, int size) {
+    if (size <= 0)
+        return 0;
+    int rest = size - dst[size - 1];
+    return rest < 0 ? 0 : rest;
+}
+
+// The last, padded block of an encoder: the tail bytes then the pad value.
+inline void fill_pad(unsigned char* pad, const unsigned char* tail, int tail_length, int b) {
+    if (tail_length)
+        memcpy(pad, tail, size_t(tail_length));
+    memset(pad + tail_length, b - tail_length, size_t(b - tail_length));
+}
+
+inline void load_iv(unsigned char* chain, const unsigned char* iv, int b) {
+    if (iv)
+        memcpy(chain, iv, size_t(b));
+    else
+        memset(chain, 0, size_t(b));
+}
+
+inline void increment(unsigned char* counter, int b) {
+    for (int i = b - 1; i >= 0; --i)
+        if (++counter[i])
+            break;
+}
+
+template <int B, class C>
+bool encode_ecb(C& c, unsigned char* pad, unsigned char* dst, int& length,
+                const unsigned char* src, int src_length, bool padding) {
+    if (!encoded_size(length, src, src_length, padding, B))
+        return false;
+    if (!dst)
+        return true;
+    int whole = src_length - src_length % B;
+    for (int i = 0; i < whole; i += B)
+        c.encode(dst + i, src + i);
+    if (padding) {
+        fill_pad(pad, src + whole, src_length - whole, B);
+        c.encode(dst + whole, pad);
+    }
+    return true;
+}
+
+template <int B, class C>
+bool decode_ecb(C& c, unsigned char* dst, int& length, const unsigned char* src, int src_length,
+                bool padding) {
+    if (!decoded_size(length, src, src_length, B))
+        return false;
+    if (!dst)
+        return true;
+    for (int i = 0; i < src_length; i += B)
+        c.decode(dst + i, src + i);
+    if (padding)
+        length = unpadded_size(dst, src_length);
+    return true;
+}
+
+template <int B, class C>
+bool encode_cbc(C& c, unsigned char* chain, unsigned char* pad, unsigned char* dst, int& length,
+                const unsigned char* src, int src_length, bool padding, const unsigned char* iv,
+                int iv_size) {
+    if (iv_size != B) {
+        length = 0;
+        return false;
+    }
+    if (!encoded_size(length, src, src_length, padding, B))
+        return false;
+    if (!dst)
+        return true;
+    load_iv(chain, iv, B);
+    const unsigned char* prev = chain;
+    int whole = src_length - src_length % B;
+    for (int i = 0; i < whole; i += B) {
+        xor_block(pad, src + i, prev, B);
+        c.encode(dst + i, pad);
+        prev = dst + i;
+    }
+    if (padding) {
+        fill_pad(pad, src + whole, src_length - whole, B);
+        xor_block(pad, pad, prev, B);
+        c.encode(dst + whole, pad);
+    }
+    return true;
+}
+
+template <int B, class C>
+bool decode_cbc(C& c, unsigned char* chain, unsigned char* pad, unsigned char* dst, int& length,
+                const unsigned char* src, int src_length, bool padding, const unsigned char* iv,
+                int iv_size) {
+    if (iv_size != B) {
+        length = 0;
+        return false;
+    }
+    if (!decoded_size(length, src, src_length, B))
+        return false;
+    if (!dst)
+        return true;
+    load_iv(chain, iv, B);
+    for (int i = 0; i < src_length; i += B) {
+        memcpy(pad, src + i, B);  // keep the cipher block: dst may be src
+        c.decode(dst + i, pad);
+        xor_block(dst + i, dst + i, chain, B);
+        memcpy(chain, pad, B);
+    }
+    if (padding)
+        length = unpadded_size(dst, src_length);
+    return true;
+}
+
+// Encoding and decoding are the same operation.
+template <int B, class C>
+bool process_ctr(C& c, unsigned char* counter, unsigned char* stream, unsigned char* dst,
+                 int& length, const unsigned char* src, int src_length, const unsigned char* iv,
+                 int iv_size) {
+    length = 0;
+    if (iv_size != B || src_length < 0 || (!src && src_length > 0))
+        return false;
+    length = src_length;
+    if (!dst)
+        return true;
+    load_iv(counter, iv, B);
+    for (int i = 0; i < src_length; i += B) {
+        if (i)
+            increment(counter, B);
+        c.encode(stream, counter);
+        int n = src_length - i < B ? src_length - i : B;
+        xor_block(dst + i, src + i, stream, n);
+    }
+    return true;
+}
+
+}  // namespace BlockMode
+}  // namespace Cipher

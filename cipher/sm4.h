@@ -1,0 +1,56 @@
+// Cipher::Sm4: the SM4 block cipher of GB/T 32907 with a 16-byte key, one
+// 16-byte block at a time and in ECB, CBC and CTR modes. A null key is all
+// zeros.
+//
+// Mode functions return true or false and set length (0 on false); with a
+// null dst they only compute length, for a decoder the room it needs, the
+// whole input. padding selects PKCS #7: encoders always add 1 to 16 bytes;
+// decoders subtract the last byte's value without checking the pad bytes,
+// never going below 0. Without padding, and always for decoders, the input
+// must be a multiple of 16. iv_size must be 16 and a null iv is all zeros;
+// CBC starts each call from iv. CTR takes the whole iv as one big-endian
+// counter that counts up by one per block; decode_ctr equals encode_ctr.
+// dst may equal src. The object keeps working blocks, so one object serves
+// one operation at a time.
+#pragma once
+
+#include <cstdint>
+
+namespace Cipher {
+
+class Sm4 {
+public:
+    static const int BLOCK_SIZE = 16;
+
+    explicit Sm4(const unsigned char* key);
+    ~Sm4();
+
+    void encode(unsigned char* dst, const unsigned char* src);
+    void decode(unsigned char* dst, const unsigned char* src);
+
+    bool encode_ecb(unsigned char* dst, int& length, const unsigned char* src, int src_length,
+                    bool padding);
+    bool decode_ecb(unsigned char* dst, int& length, const unsigned char* src, int src_length,
+                    bool padding);
+    bool encode_cbc(unsigned char* dst, int& length, const unsigned char* src, int src_length,
+                    bool padding, const unsigned char* iv, int iv_size);
+    bool decode_cbc(unsigned char* dst, int& length, const unsigned char* src, int src_length,
+                    bool padding, const unsigned char* iv, int iv_size);
+    bool encode_ctr(unsigned char* dst, int& length, const unsigned char* src, int src_length,
+                    const unsigned char* iv, int iv_size);
+    bool decode_ctr(unsigned char* dst, int& length, const unsigned char* src, int src_length,
+                    const unsigned char* iv, int iv_size);
+
+    // One block with an Sm4 passed as self: for use as a callback.
+    static void encode_func(void* self, unsigned char* dst, const unsigned char* src);
+
+private:
+    Sm4(const Sm4&) = delete;
+    Sm4& operator=(const Sm4&) = delete;
+
+    uint32_t round_keys[32];
+    unsigned char chain[16];  // working block: CBC chaining value, CTR counter
+    unsigned char pad[16];    // working block: padding, saved cipher block, key stream
+};
+
+}  // namespace Cipher
