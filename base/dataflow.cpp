@@ -368,7 +368,7 @@ void DataFlow::Recycler::free_reader(const unsigned long* position) {
 int DataFlow::Recycler::invoke() {
     unsigned long published = flow->count.load(std::memory_order_acquire);
     unsigned long low = published;
-    for (List::Node* node = cells->head; node; node = node->next) {
+    for (List::Node* node = cells->get_head(); node; node = node->next) {
         RecycleCell* cell = static_cast<RecycleCell*>(node->value);
         // Acquire pairs with the reader's release of its cell: what it read
         // below that mark is done with before we let the blocks go.
