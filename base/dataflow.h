@@ -143,10 +143,11 @@ private:
         if (notify_readers && notify_enabled) wake_readers();
     }
     void wake_readers() {
-        // Orders the store of count before the look at the registered
-        // consumers, against a reader that registers and then reads count:
+        // A full fence (a locked no-op on count, which this thread owns):
+        // orders the store of count before the look at the registered
+        // consumers, against a reader that registers and then reads count;
         // either it sees the record or we see it and wake it.
-        std::atomic_thread_fence(std::memory_order_seq_cst);
+        count.fetch_add(0, std::memory_order_seq_cst);
         producer.produce();
     }
 
