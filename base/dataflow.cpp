@@ -67,12 +67,14 @@ void DataFlow::rollback(const unsigned long* point) {
 bool DataFlow::truncate(unsigned long id) {
     unsigned long start = start_id.load(std::memory_order_relaxed);
     if (start > id || count.load(std::memory_order_relaxed) < id) return false;
+    // Readers stop at the new end; what lay behind it was the writer's own.
     count.store(id, std::memory_order_release);
     mem->truncate(id - start);
     return true;
 }
 
 bool DataFlow::recycle(unsigned long id) {
+    // Acquire: the records below count, and the index behind them, are whole.
     unsigned long target = count.load(std::memory_order_acquire);
     if (id < target) target = id;
     unsigned long start = start_id.load(std::memory_order_relaxed);
@@ -83,12 +85,14 @@ bool DataFlow::recycle(unsigned long id) {
 void DataFlow::clear(unsigned long start) {
     next.store(nullptr, std::memory_order_relaxed);
     start_id.store(start, std::memory_order_relaxed);
+    // Readers see the new start; the flow is cleared by its one writer.
     count.store(start, std::memory_order_release);
     mem->clear();
 }
 
 void DataFlow::free() {
     start_id.store(0, std::memory_order_relaxed);
+    // Readers see an empty flow before its blocks go.
     count.store(0, std::memory_order_release);
     mem->free();
 }
@@ -110,6 +114,7 @@ DataFlow* DataFlow::shift(void* new_version) {
 
 DataFlow* DataFlow::get_last() const {
     const DataFlow* flow = this;
+    // Acquire pairs with shift's release: each successor is whole.
     while (DataFlow* following = flow->next.load(std::memory_order_acquire)) flow = following;
     return const_cast<DataFlow*>(flow);
 }
@@ -185,6 +190,7 @@ void DataFlow::Iterator::attach(DataFlow* reading) {
 bool DataFlow::Iterator::hop() {
     DataFlow* old = flow;
     if (!old) return false;
+    // Acquire pairs with shift's release: the successor is whole.
     DataFlow* successor = old->next.load(std::memory_order_acquire);
     // A flow with a successor is final: its count no longer moves.
     if (!successor || old->count.load(std::memory_order_acquire) > position) return false;
@@ -219,6 +225,7 @@ const DataFlow::Item* DataFlow::Iterator::next() {
     if (offset + 4 * (k + 1) > static_cast<unsigned long>(block_end - block_data) ||
         (behind = table_entry(k)) == DataMem::SEAL) {
         // Record k opened the next block.
+        // Acquire pairs with the link in alloc: the block's header is set.
         DataMem::Block* following = b->next.load(std::memory_order_acquire);
         if (!following || following->first.load(std::memory_order_relaxed) != block_first + k ||
             following->used.load(std::memory_order_relaxed) == 0)
@@ -249,6 +256,8 @@ bool DataFlow::Iterator::seek(unsigned long id) {
     if (!f) return false;
     unsigned long start = f->get_start_id();
     if (start > id) return false;
+    // Acquire pairs with the writer's release of count: the records and
+    // the index entries below it are whole.
     unsigned long published = f->count.load(std::memory_order_acquire);
     if (id > published) id = published;
     if (id == position) return true;
@@ -366,6 +375,7 @@ void DataFlow::Recycler::free_reader(const unsigned long* position) {
 }
 
 int DataFlow::Recycler::invoke() {
+    // Acquire: the index behind the published records is whole for recycle.
     unsigned long published = flow->count.load(std::memory_order_acquire);
     unsigned long low = published;
     for (List::Node* node = cells->get_head(); node; node = node->next) {

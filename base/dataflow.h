@@ -65,6 +65,7 @@ public:
              Memory* memory, WriteCallback* callback, unsigned long start_id, void* version,
              bool auto_recycle, bool manual_commit);
     virtual ~DataFlow();
+    // Acquire pairs with the writer's release: records below it are whole.
     virtual unsigned long get_count() const { return count.load(std::memory_order_acquire); }
     virtual char* get_file_name(const char* dir, const char* name, char* out) const;
     virtual DataFlow* clone() const;
@@ -105,6 +106,7 @@ public:
     void free();
     DataFlow* shift(void* new_version);
 
+    // Acquire pairs with shift's release: the successor is whole.
     DataFlow* get_next() const { return next.load(std::memory_order_acquire); }
     DataFlow* get_last() const;
     void* get_version() const { return version.load(std::memory_order_relaxed); }
@@ -167,6 +169,7 @@ public:
     void detach();
     void attach(DataFlow* flow);
     unsigned long get_recycle_pos() const {
+        // The cell only grows; a stale value only keeps the reader in the file longer.
         return recycle_pos ? __atomic_load_n(recycle_pos, __ATOMIC_ACQUIRE) : 0;
     }
     DataFlow* get_flow() const { return flow; }
@@ -177,6 +180,7 @@ public:
     // True if the flow has a record at position (after a hop if due).
     bool has_record() {
         hop();
+        // Acquire pairs with the writer's release of count.
         return flow && flow->count.load(std::memory_order_acquire) > position;
     }
 

@@ -159,6 +159,7 @@ void DataMem::truncate(unsigned long n) {
     }
     block->is_recycled.store(0, std::memory_order_relaxed);
     stored.store(n, std::memory_order_relaxed);
+    // Entries behind this one are no longer in force for index searches.
     index_count.store(entry->position + 1, std::memory_order_release);
 }
 
@@ -173,6 +174,7 @@ int DataMem::recycle(unsigned long n) {
     // Collect the blocks up to (not including) the one before target.
     Stack stack(false, 0);
     while (cursor && cursor != target) {
+        // Acquire pairs with the writer's link: the block's header is set.
         Block* next = cursor->next.load(std::memory_order_acquire);
         if (next == target) break;
         stack.push(cursor);
