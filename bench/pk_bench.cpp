@@ -194,12 +194,14 @@ public:
         for (auto& entry : times) {
             const std::string& name = entry.first;
             size_t at = name.find("_Ours");
-            if (at == std::string::npos)
+            if (at == std::string::npos || name.find("_stddev") != std::string::npos ||
+                name.find("_cv") != std::string::npos)
                 continue;
             std::string peer = name.substr(0, at) + "_OpenSSL" + name.substr(at + 5);
             auto it = times.find(peer);
             if (it != times.end() && entry.second > 0)
-                std::printf("ratio %-28s ours/OpenSSL throughput = %.3f\n", name.substr(0, at).c_str(),
+                std::printf("ratio %-28s ours/OpenSSL throughput = %.3f\n",
+                            (name.substr(0, at) + name.substr(at + 5)).c_str(),
                             it->second / entry.second);
         }
     }

@@ -29,13 +29,28 @@ struct Field {
     int pn;
     bool montgomery = false;
     uint64_t m0inv = 0;
+    bool a_is_minus_3 = false;  // a = p - 3, as on the SM2 curve: a shorter doubling
+
+    void check_a(const uint64_t* a, int an)
+    {
+        uint64_t t[W];
+        int tn;
+        uint64_t three[1] = {3};
+        mpi_add(t, tn, a, mpi_normalize(a, an), three, 1);
+        a_is_minus_3 = mpi_equal_num(t, tn, p, pn);
+    }
 
     void mul(uint64_t* r, int& rn, const uint64_t* a, int an, const uint64_t* b, int bn) const
     {
         if (montgomery) {
-            uint64_t ta[W] = {}, tb[W] = {};
-            std::memcpy(ta, a, mpi_normalize(a, an) * 8);
-            std::memcpy(tb, b, mpi_normalize(b, bn) * 8);
+            // The product reads pn limbs of each operand: pad them with zeros.
+            uint64_t ta[W], tb[W];
+            an = mpi_normalize(a, an);
+            bn = mpi_normalize(b, bn);
+            for (int i = 0; i < pn; i++) {
+                ta[i] = i < an ? a[i] : 0;
+                tb[i] = i < bn ? b[i] : 0;
+            }
             mpi_mont_mul(ta, ta, tb, p, pn, m0inv);
             copy_num(r, rn, ta, mpi_normalize(ta, pn));
             return;
@@ -272,7 +287,6 @@ static void double_jacobian(const Field& f, uint64_t* x, int& xn, uint64_t* y, i
         return;
     }
     Num xx, yy, yyyy, zz, s, m, t;
-    f.mul(xx.v, xx.n, x, xn, x, xn);
     f.mul(yy.v, yy.n, y, yn, y, yn);
     f.mul(yyyy.v, yyyy.n, yy.v, yy.n, yy.v, yy.n);
     f.mul(zz.v, zz.n, z, zn, z, zn);
@@ -280,12 +294,22 @@ static void double_jacobian(const Field& f, uint64_t* x, int& xn, uint64_t* y, i
     f.mul(s.v, s.n, x, xn, yy.v, yy.n);
     f.add(s.v, s.n, s.v, s.n, s.v, s.n);
     f.add(s.v, s.n, s.v, s.n, s.v, s.n);
-    // M = 3 XX + a ZZ^2
-    f.add(m.v, m.n, xx.v, xx.n, xx.v, xx.n);
-    f.add(m.v, m.n, m.v, m.n, xx.v, xx.n);
-    f.mul(t.v, t.n, zz.v, zz.n, zz.v, zz.n);
-    f.mul(t.v, t.n, t.v, t.n, a, an);
-    f.add(m.v, m.n, m.v, m.n, t.v, t.n);
+    if (f.a_is_minus_3) {
+        // M = 3 (X - ZZ)(X + ZZ), the same as 3 XX - 3 ZZ^2
+        f.sub(t.v, t.n, x, xn, zz.v, zz.n);
+        f.add(xx.v, xx.n, x, xn, zz.v, zz.n);
+        f.mul(t.v, t.n, t.v, t.n, xx.v, xx.n);
+        f.add(m.v, m.n, t.v, t.n, t.v, t.n);
+        f.add(m.v, m.n, m.v, m.n, t.v, t.n);
+    } else {
+        // M = 3 XX + a ZZ^2
+        f.mul(xx.v, xx.n, x, xn, x, xn);
+        f.add(m.v, m.n, xx.v, xx.n, xx.v, xx.n);
+        f.add(m.v, m.n, m.v, m.n, xx.v, xx.n);
+        f.mul(t.v, t.n, zz.v, zz.n, zz.v, zz.n);
+        f.mul(t.v, t.n, t.v, t.n, a, an);
+        f.add(m.v, m.n, m.v, m.n, t.v, t.n);
+    }
     // Z3 = 2 Y Z, before Y changes
     f.mul(t.v, t.n, y, yn, z, zn);
     f.add(z, zn, t.v, t.n, t.v, t.n);
@@ -355,6 +379,7 @@ void ecc_point_double_jacobian(uint64_t* x, int& xn, uint64_t* y, int& yn, uint6
                                const uint64_t* a, int an, const uint64_t* p, int pn)
 {
     Field f{p, mpi_normalize(p, pn)};
+    f.check_a(a, an);
     double_jacobian(f, x, xn, y, yn, z, zn, a, an);
 }
 
@@ -364,6 +389,7 @@ void ecc_point_add_jacobian(uint64_t* x1, int& x1n, uint64_t* y1, int& y1n, uint
                             const uint64_t* p, int pn)
 {
     Field f{p, mpi_normalize(p, pn)};
+    f.check_a(a, an);
     add_jacobian(f, x1, x1n, y1, y1n, z1, z1n, x2, x2n, y2, y2n, z2, z2n, a, an);
 }
 
@@ -408,6 +434,7 @@ void ecc_point_mul_jacobian(uint64_t* rx, int& rxn, uint64_t* ry, int& ryn, cons
     f.reduce(bx, bxn, x, mpi_normalize(x, xn));
     f.reduce(by, byn, y, mpi_normalize(y, yn));
     f.reduce(ar, arn, a, mpi_normalize(a, an));
+    m.check_a(ar, arn);
     bz[0] = 1;
     bzn = 1;
     if (m.montgomery) {

@@ -729,12 +729,13 @@ void mpi_mont_mul(uint64_t* r, const uint64_t* a, const uint64_t* b, const uint6
         large.resize(n + 2);
         t = large.data();
     }
-    std::memset(t, 0, (n + 2) * 8);
+    // The first row writes t instead of adding to it, so t needs no clearing.
+    t[n] = 0;
     for (int i = 0; i < n; i++) {
         uint64_t carry = 0;
         uint64_t bi = b[i];
         for (int j = 0; j < n; j++) {
-            u128 s = (u128)a[j] * bi + t[j] + carry;
+            u128 s = (u128)a[j] * bi + (i ? t[j] : 0) + carry;
             t[j] = (uint64_t)s;
             carry = (uint64_t)(s >> 64);
         }

@@ -8,19 +8,9 @@
 #include "base/measure.h"
 #include "base/print.h"
 #include "base/strings.h"
-
-std::atomic<uint64_t> g_global_clock{Base::Measure::get_clock()};
-std::atomic<uint8_t> g_enable_global_clock{0};
+#include "base/switches.h"
 
 namespace Parallel {
-
-uint64_t read_clock() {
-    // acquire: pairs with the clock thread's store; the reading is only a
-    // number, but it must not be older than what this thread saw before.
-    if (g_enable_global_clock.load(std::memory_order_relaxed))
-        return g_global_clock.load(std::memory_order_acquire);
-    return Base::Measure::get_clock();
-}
 
 void init_general_cpu_set(cpu_set_t* set, long count) {
     std::memset(set, 0, sizeof(cpu_set_t));
@@ -79,14 +69,14 @@ void Thread::before_proc() {}
 void Thread::after_proc() {}
 
 ClockThread::ClockThread() : Thread("clock_thread") {
-    g_global_clock.store(Base::Measure::get_clock(), std::memory_order_release);
+    Base::set_global_clock(Base::Measure::get_clock());
 }
 
 void ClockThread::loop_proc() {
     static thread_local timeval timeout;
-    g_global_clock.store(Base::Measure::get_clock(), std::memory_order_relaxed);
-    // Full fence: the new reading is published before the thread sleeps.
-    std::atomic_thread_fence(std::memory_order_seq_cst);
+    // A sequentially consistent store: the store and a full fence, so the
+    // new reading is published before the thread sleeps.
+    __atomic_store_n(&Base::g_global_clock, Base::Measure::get_clock(), __ATOMIC_SEQ_CST);
     timeout.tv_sec = 0;
     timeout.tv_usec = 1;
     select(0, nullptr, nullptr, nullptr, &timeout);

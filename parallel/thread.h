@@ -7,7 +7,7 @@
 // stop() only clears running; the owner stops, then joins, then destroys:
 // the destructor does neither.
 //
-// Parallel::ClockThread keeps g_global_clock fresh (about once per
+// Parallel::ClockThread keeps Base::g_global_clock (base/switches.h) fresh (about once per
 // microsecond) for readers that prefer a cached clock to a clock call; they
 // use it when g_enable_global_clock is set. Nothing in the library starts one.
 #pragma once
@@ -17,17 +17,7 @@
 #include <atomic>
 #include <cstdint>
 
-// The cached clock, in ticks of Base::Measure; first set while the library
-// loads.
-extern std::atomic<uint64_t> g_global_clock;
-// When set, the reactors read g_global_clock instead of calling the clock.
-extern std::atomic<uint8_t> g_enable_global_clock;
-
 namespace Parallel {
-
-// The time reading of the reactors: the cached clock when
-// g_enable_global_clock is set, otherwise Base::Measure::get_clock().
-uint64_t read_clock();
 
 // Fills a CPU mask for general threads: CPUs count / 2 up to count - 2, the
 // upper half of the machine but its last CPU. Nothing set for count <= 1.

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "base/measure.h"
+#include "base/switches.h"
 
 namespace {
 
@@ -102,11 +103,11 @@ TEST(Thread, ClockThreadRefreshesTheCachedClock) {
     testing::internal::CaptureStdout();
     Parallel::ClockThread clock;
     EXPECT_STREQ(clock.get_name(), "clock_thread");
-    uint64_t first = g_global_clock.load();
+    uint64_t first = __atomic_load_n(&Base::g_global_clock, __ATOMIC_ACQUIRE);
     ASSERT_TRUE(clock.create(true, nullptr));
     bool advanced = false;
     for (int i = 0; i < 10000 && !advanced; i++) {
-        advanced = g_global_clock.load() > first;
+        advanced = __atomic_load_n(&Base::g_global_clock, __ATOMIC_ACQUIRE) > first;
         if (!advanced) Base::Measure::sleep(1);
     }
     clock.stop();
@@ -115,10 +116,10 @@ TEST(Thread, ClockThreadRefreshesTheCachedClock) {
     EXPECT_TRUE(advanced);
 
     // With the switch on, the reactors' reading is the cached value.
-    g_enable_global_clock = 1;
-    EXPECT_EQ(Parallel::read_clock(), g_global_clock.load());
-    g_enable_global_clock = 0;
-    EXPECT_GE(Parallel::read_clock(), g_global_clock.load());
+    Base::g_enable_global_clock = true;
+    EXPECT_EQ(Base::read_clock(), __atomic_load_n(&Base::g_global_clock, __ATOMIC_ACQUIRE));
+    Base::g_enable_global_clock = false;
+    EXPECT_GE(Base::read_clock(), __atomic_load_n(&Base::g_global_clock, __ATOMIC_ACQUIRE));
 }
 
 }  // namespace
