@@ -69,15 +69,15 @@ inline double fixed_to_double(long value, int digits) {
 }
 
 // Double to the internal integer: nudged by 1e-9 away from zero so that 0.3
-// comes back as 300, then truncated toward zero. A value that no 64-bit
-// integer can hold (NaN, infinities, beyond +-2^63 once scaled) becomes the
-// null value: converting it would be undefined, and it comes from outside
-// (the wire, an application's record, a text).
+// comes back as 300, then truncated toward zero. A value whose scaled form
+// has no 64-bit integer (NaN, infinities, a hostile 1e300 from the wire)
+// becomes null instead of an undefined conversion.
 inline long double_to_fixed(double value, int digits) {
     if (value == DBL_MAX) return FIXED_POINT_NULL;
     value += value >= 0 ? 1e-9 : -1e-9;
     double scaled = value * static_cast<double>(FIXED_POINT_POWER[digits]);
-    if (!(scaled > -9223372036854775808.0 && scaled < 9223372036854775808.0)) return FIXED_POINT_NULL;
+    if (!(scaled > -9223372036854775808.0 && scaled < 9223372036854775808.0))
+        return FIXED_POINT_NULL;
     return static_cast<long>(scaled);
 }
 

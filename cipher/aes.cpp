@@ -113,64 +113,48 @@ Aes::Aes(const unsigned char* key, int key_size) : chain(), pad() {
 
 Aes::~Aes() {}
 
-void Aes::encode(unsigned char* dst, const unsigned char* src) {
-    const uint32_t* rk = encode_keys;
-    const auto& t = g_aes.te;
-    uint32_t s0 = load_be32(src) ^ rk[0];
-    uint32_t s1 = load_be32(src + 4) ^ rk[1];
-    uint32_t s2 = load_be32(src + 8) ^ rk[2];
-    uint32_t s3 = load_be32(src + 12) ^ rk[3];
+namespace {
+
+// The table-driven rounds of both directions. Encoding takes column i's
+// bytes from columns i, i+1, i+2, i+3; the equivalent inverse cipher takes
+// them from i, i-1, i-2, i-3: Step is 1 or 3 (mod 4). The indices are
+// constants, so the compiler unrolls each direction as if written out.
+template <int Step>
+void aes_rounds(unsigned char* dst, const unsigned char* src, const uint32_t* rk, int rounds,
+                const uint32_t (&t)[4][256], const uint8_t* sbox) {
+    uint32_t s[4];
+#pragma GCC unroll 4
+    for (int i = 0; i < 4; ++i) s[i] = load_be32(src + 4 * i) ^ rk[i];
     for (int r = 1; r < rounds; ++r) {
         rk += 4;
-        uint32_t t0 = t[0][s0 >> 24] ^ t[1][(s1 >> 16) & 0xff] ^ t[2][(s2 >> 8) & 0xff] ^ t[3][s3 & 0xff] ^ rk[0];
-        uint32_t t1 = t[0][s1 >> 24] ^ t[1][(s2 >> 16) & 0xff] ^ t[2][(s3 >> 8) & 0xff] ^ t[3][s0 & 0xff] ^ rk[1];
-        uint32_t t2 = t[0][s2 >> 24] ^ t[1][(s3 >> 16) & 0xff] ^ t[2][(s0 >> 8) & 0xff] ^ t[3][s1 & 0xff] ^ rk[2];
-        uint32_t t3 = t[0][s3 >> 24] ^ t[1][(s0 >> 16) & 0xff] ^ t[2][(s1 >> 8) & 0xff] ^ t[3][s2 & 0xff] ^ rk[3];
-        s0 = t0;
-        s1 = t1;
-        s2 = t2;
-        s3 = t3;
+        uint32_t n[4];
+#pragma GCC unroll 4
+        for (int i = 0; i < 4; ++i)
+            n[i] = t[0][s[i] >> 24] ^ t[1][(s[(i + Step) & 3] >> 16) & 0xff] ^
+                   t[2][(s[(i + 2 * Step) & 3] >> 8) & 0xff] ^ t[3][s[(i + 3 * Step) & 3] & 0xff] ^
+                   rk[i];
+#pragma GCC unroll 4
+        for (int i = 0; i < 4; ++i) s[i] = n[i];
     }
     rk += 4;
-    const uint8_t* s = g_aes.sbox;
-    auto last = [s](uint32_t a, uint32_t b, uint32_t c, uint32_t d) {
-        return uint32_t(s[a >> 24]) << 24 | uint32_t(s[(b >> 16) & 0xff]) << 16 |
-               uint32_t(s[(c >> 8) & 0xff]) << 8 | s[d & 0xff];
-    };
-    store_be32(dst, last(s0, s1, s2, s3) ^ rk[0]);
-    store_be32(dst + 4, last(s1, s2, s3, s0) ^ rk[1]);
-    store_be32(dst + 8, last(s2, s3, s0, s1) ^ rk[2]);
-    store_be32(dst + 12, last(s3, s0, s1, s2) ^ rk[3]);
+#pragma GCC unroll 4
+    for (int i = 0; i < 4; ++i) {
+        uint32_t w = uint32_t(sbox[s[i] >> 24]) << 24 |
+                     uint32_t(sbox[(s[(i + Step) & 3] >> 16) & 0xff]) << 16 |
+                     uint32_t(sbox[(s[(i + 2 * Step) & 3] >> 8) & 0xff]) << 8 |
+                     sbox[s[(i + 3 * Step) & 3] & 0xff];
+        store_be32(dst + 4 * i, w ^ rk[i]);
+    }
+}
+
+}  // namespace
+
+void Aes::encode(unsigned char* dst, const unsigned char* src) {
+    aes_rounds<1>(dst, src, encode_keys, rounds, g_aes.te, g_aes.sbox);
 }
 
 void Aes::decode(unsigned char* dst, const unsigned char* src) {
-    const uint32_t* rk = decode_keys;
-    const auto& t = g_aes.td;
-    uint32_t s0 = load_be32(src) ^ rk[0];
-    uint32_t s1 = load_be32(src + 4) ^ rk[1];
-    uint32_t s2 = load_be32(src + 8) ^ rk[2];
-    uint32_t s3 = load_be32(src + 12) ^ rk[3];
-    for (int r = 1; r < rounds; ++r) {
-        rk += 4;
-        uint32_t t0 = t[0][s0 >> 24] ^ t[1][(s3 >> 16) & 0xff] ^ t[2][(s2 >> 8) & 0xff] ^ t[3][s1 & 0xff] ^ rk[0];
-        uint32_t t1 = t[0][s1 >> 24] ^ t[1][(s0 >> 16) & 0xff] ^ t[2][(s3 >> 8) & 0xff] ^ t[3][s2 & 0xff] ^ rk[1];
-        uint32_t t2 = t[0][s2 >> 24] ^ t[1][(s1 >> 16) & 0xff] ^ t[2][(s0 >> 8) & 0xff] ^ t[3][s3 & 0xff] ^ rk[2];
-        uint32_t t3 = t[0][s3 >> 24] ^ t[1][(s2 >> 16) & 0xff] ^ t[2][(s1 >> 8) & 0xff] ^ t[3][s0 & 0xff] ^ rk[3];
-        s0 = t0;
-        s1 = t1;
-        s2 = t2;
-        s3 = t3;
-    }
-    rk += 4;
-    const uint8_t* s = g_aes.inv_sbox;
-    auto last = [s](uint32_t a, uint32_t b, uint32_t c, uint32_t d) {
-        return uint32_t(s[a >> 24]) << 24 | uint32_t(s[(b >> 16) & 0xff]) << 16 |
-               uint32_t(s[(c >> 8) & 0xff]) << 8 | s[d & 0xff];
-    };
-    store_be32(dst, last(s0, s3, s2, s1) ^ rk[0]);
-    store_be32(dst + 4, last(s1, s0, s3, s2) ^ rk[1]);
-    store_be32(dst + 8, last(s2, s1, s0, s3) ^ rk[2]);
-    store_be32(dst + 12, last(s3, s2, s1, s0) ^ rk[3]);
+    aes_rounds<3>(dst, src, decode_keys, rounds, g_aes.td, g_aes.inv_sbox);
 }
 
 void Aes::encode_func(void* self, unsigned char* dst, const unsigned char* src) {

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cfloat>
+#include <cmath>
 #include <cstring>
 #include <random>
 #include <vector>
@@ -75,9 +76,13 @@ TEST(FieldCoder, FixedPointOnTheWire) {
 
     // Back from the wire: scaled with the nudge, or left a double with raw.
     QelAccountDepositField back;
-    const double cases[] = {0.3, -0.3, 12.345, DBL_MAX, 0.0, -1234567.891};
-    const long expected[] = {300, -300, 12345, NULL_FIXED, 0, -1234567891};
-    for (int i = 0; i < 6; ++i) {
+    // A peer's value with no 64-bit scaled form (1e300, infinities, NaN)
+    // arrives as null, never as an undefined conversion.
+    const double cases[] = {0.3, -0.3, 12.345, DBL_MAX, 0.0, -1234567.891,
+                            1e300, -1e300, HUGE_VAL, -HUGE_VAL, NAN};
+    const long expected[] = {300, -300, 12345, NULL_FIXED, 0, -1234567891,
+                             NULL_FIXED, NULL_FIXED, NULL_FIXED, NULL_FIXED, NULL_FIXED};
+    for (int i = 0; i < 11; ++i) {
         std::vector<unsigned char> d = be_double(cases[i]);
         memcpy(wire + 22, d.data(), 8);
         EXPECT_EQ(QelAccountDepositField::from_stream(&back, wire, 30, false), 3);
@@ -87,7 +92,7 @@ TEST(FieldCoder, FixedPointOnTheWire) {
         EXPECT_EQ(QelAccountDepositField::from_stream(&back, wire, 30, true), 3);
         double raw;
         memcpy(&raw, &back.Deposit, 8);
-        EXPECT_EQ(raw, cases[i]);
+        if (cases[i] == cases[i]) EXPECT_EQ(raw, cases[i]);
     }
 
     // Eight decimals: 0.29 becomes 29000000, not 28999999.
