@@ -7,11 +7,17 @@ endif()
 
 set(work ${BINARY_DIR}/catalog_check)
 file(READ ${SOURCE_DIR}/tools/catalog/qel.tsv table)
+file(READ ${SOURCE_DIR}/tools/catalog/oxa.tsv oxa_table)
 
+# The family comes as an optional fourth argument, qel by default.
 function(expect_refused name broken pattern)
+  set(family qel)
+  if(ARGC GREATER 3)
+    set(family ${ARGV3})
+  endif()
   file(REMOVE_RECURSE ${work})
-  file(WRITE ${work}/tables/qel.tsv "${broken}")
-  execute_process(COMMAND ${PYTHON3} ${SOURCE_DIR}/tools/gen_catalog.py --tables ${work}/tables --out ${work}/out qel
+  file(WRITE ${work}/tables/${family}.tsv "${broken}")
+  execute_process(COMMAND ${PYTHON3} ${SOURCE_DIR}/tools/gen_catalog.py --tables ${work}/tables --out ${work}/out ${family}
                   RESULT_VARIABLE result ERROR_VARIABLE errors)
   if(result EQUAL 0)
     message(FATAL_ERROR "${name}: the generator accepted a broken table")
@@ -33,6 +39,18 @@ expect_refused(size "${broken}" "QelDisseminationField: layout gives struct_size
 string(REPLACE "member\tSequenceNo\tOxaSequenceNoType\tINT32\t4" "member\tSequenceNo\tOxaSequenceNoType\tINT64\t8"
        broken "${table}")
 expect_refused(domain "${broken}" "domain type OxaSequenceNoType is INT")
+
+# A member given to a record that is registered without members.
+string(REPLACE "record\tOxaCompSeqNoField\t0x00FF\t4\t-\n" "record\tOxaCompSeqNoField\t0x00FF\t4\t-\nmember\tCompSeqNo\tOxaSequenceNoType\tINT32\t4\n"
+       broken "${oxa_table}")
+expect_refused(opaque "${broken}" "member of OxaCompSeqNoField, which is registered without members" oxa)
+
+# A wire record can't go without members: its stream coders need them.
+string(REPLACE "record\tQelDisseminationField\t0x0001\t8\t6\tpublic\n" "record\tQelDisseminationField\t0x0001\t8\t-\n"
+       broken "${table}")
+string(REPLACE "member\tSequenceSeries\tOxaSequenceSeriesType\tINT16\t2\nmember\tSequenceNo\tOxaSequenceNoType\tINT32\t4\n" ""
+       broken "${broken}")
+expect_refused(wire "${broken}" "every record of family qel needs its members")
 
 # The unchanged table is accepted.
 file(REMOVE_RECURSE ${work})

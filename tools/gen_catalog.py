@@ -5,8 +5,13 @@ Each family has one table, tools/catalog/<family>.tsv, with rows in
 registration order:
 
     record  <name>  <id>  <struct_size>  <stream_size>  [public]
+    record  <name>  <id>  <struct_size>  -
     member  <name>  <domain type>  <code>  <size>  [key]
     packet  <id>  <name>
+
+A record with "-" for its stream size is registered by id, name and size
+alone: its members are not catalogued, its description has none, its
+structure is opaque bytes of that size and its coders have nothing to convert.
 
 From it this script lays the records out by the layout rule (natural
 alignment in the structure, no gaps in the stream), checks the result against
@@ -72,6 +77,7 @@ class Member:
 class Record:
     def __init__(self, name, rid, struct_size, stream_size, public):
         self.name, self.id, self.public = name, rid, public
+        self.opaque = stream_size is None  # members not catalogued
         self.expected = (struct_size, stream_size)
         self.members = []
         self.struct_size = self.stream_size = 0
@@ -93,10 +99,14 @@ def read_table(path):
         if kind == 'record':
             if len(f) not in (5, 6) or (len(f) == 6 and f[5] != 'public'):
                 fail(path, number, 'record row needs name, id, struct_size, stream_size [public]')
-            records.append(Record(f[1], int(f[2], 0), int(f[3]), int(f[4]), len(f) == 6))
+            if f[4] == '-' and len(f) == 6:
+                fail(path, number, 'a record without catalogued members cannot be public')
+            records.append(Record(f[1], int(f[2], 0), int(f[3]), None if f[4] == '-' else int(f[4]), len(f) == 6))
         elif kind == 'member':
             if not records:
                 fail(path, number, 'member before any record')
+            if records[-1].opaque:
+                fail(path, number, 'member of %s, which is registered without members' % records[-1].name)
             if len(f) not in (5, 6) or (len(f) == 6 and f[5] != 'key'):
                 fail(path, number, 'member row needs name, domain type, code, size [key]')
             name, domain, code, size = f[1], f[2], f[3], int(f[4])
@@ -132,6 +142,13 @@ def lay_out(records, packets, prefix):
             errors.append('%s: id 0x%04X or name registered twice' % (r.name, r.id))
         ids.add(r.id)
         names.add(r.name)
+        if r.id < 0 or r.id > 0xFFFF:
+            errors.append('%s: id %d is not 16-bit' % (r.name, r.id))
+        if r.opaque:
+            r.struct_size, r.stream_size = r.expected[0], 0
+            if not 0 < r.struct_size <= 0xFFFF:
+                errors.append('%s: struct_size %d out of range' % (r.name, r.struct_size))
+            continue
         if not r.members:
             errors.append('%s: no members' % r.name)
             continue
@@ -189,7 +206,25 @@ def write_header(family, cfg, records, packets):
                    '    // Struct form to internal form; returns the members converted.',
                    '    static int from_struct(void* dst, const void* src, int len);'],
     }[cfg['coder']]
+    if any(r.opaque for r in records):
+        out.append('''// A record whose members are not catalogued: SIZE opaque bytes, a
+// description without members, and coders that have nothing to convert.
+template <int SIZE>
+struct %(p)sOpaqueRecord {
+    unsigned char bytes[SIZE];
+
+    static void describe_static() {}
+    static int to_struct(const void*, void*, int) { return 0; }
+    static int from_struct(void*, const void*, int) { return 0; }
+};
+''' % dict(p=p))
     for r in records:
+        if r.opaque:
+            out.append('struct %s : %sOpaqueRecord<%d> {' % (r.name, p, r.struct_size))
+            out.append('    static Base::FieldDesc DESC;')
+            out.append('};')
+            out.append('')
+            continue
         out.append('struct %s {' % r.name)
         for m in r.members:
             out.append('    %s' % declaration(m, False))
@@ -338,7 +373,16 @@ inline void from_double(unsigned char* d, const unsigned char* s, int digits) {
 
 }  // namespace
 ''' % cfg['header'])
+    opaque = [r for r in records if r.opaque]
+    if opaque:
+        out.append('// ---- records without catalogued members')
+        out.append('')
+        for r in opaque:
+            out.append('static_assert(sizeof(%s) == %d, "registered size");' % (r.name, r.struct_size))
+        out.append('')
     for r in records:
+        if r.opaque:
+            continue
         out.append('// ---- %s (id 0x%04X)' % (r.name, r.id))
         out.append('')
         out.append('static_assert(sizeof(%s) == %d, "layout rule");' % (r.name, r.struct_size))
@@ -470,7 +514,7 @@ def write_public_test(family, cfg, records):
     return '\n'.join(out)
 
 
-def generate(family, out_dir, tables, shared_domains):
+def generate(family, tables, shared_domains):
     cfg = FAMILIES[family]
     path = os.path.join(tables, family + '.tsv')
     records, packets, domains = read_table(path)
@@ -482,12 +526,18 @@ def generate(family, out_dir, tables, shared_domains):
                                                                          seen[2], seen[3]))
     if any(r.public for r in records) and not cfg['public_header']:
         raise TableError('%s: family %s has no public records' % (path, family))
+    if cfg['coder'] != 'struct' and any(r.opaque for r in records):
+        raise TableError('%s: every record of family %s needs its members' % (path, family))
     lay_out(records, packets, cfg['prefix'])
     files = {cfg['header']: write_header(family, cfg, records, packets),
              cfg['source']: write_source(family, cfg, records, packets)}
     if cfg['public_header']:
         files[cfg['public_header']] = write_public_header(family, cfg, records)
         files[cfg['public_test']] = write_public_test(family, cfg, records)
+    return files
+
+
+def write_files(out_dir, files):
     for rel, text in files.items():
         target = os.path.join(out_dir, rel)
         os.makedirs(os.path.dirname(target), exist_ok=True)
@@ -516,8 +566,11 @@ def main(argv):
         families = [f for f in FAMILIES if os.path.exists(os.path.join(tables, f + '.tsv'))]
     shared_domains = {}
     try:
+        # Every table is checked before anything is written.
+        files = {}
         for family in families:
-            generate(family, out_dir, tables, shared_domains)
+            files.update(generate(family, tables, shared_domains))
+        write_files(out_dir, files)
     except (TableError, KeyError, ValueError, OSError) as e:
         sys.stderr.write('gen_catalog: %s\n' % e)
         return 1
