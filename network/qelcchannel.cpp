@@ -129,6 +129,9 @@ void QelcClientChannel::setup() {
     if (session) session->on_connected();
     if (!is_valid()) return;  // closed by the owner inside on_connected
     reactor->add_fd(this);
+    // The descriptor went in with EPOLLIN; an owner that blocked reading
+    // in on_connected has its interest applied now.
+    if (is_read_blocking()) reactor->set_blocking(this, false);
     const char* peer = socket.get_remote_address();
     write_log(TRACE_CONNECTED, static_cast<unsigned short>(strlen(peer) + 1), peer);
 }
