@@ -40,7 +40,7 @@ void drain_events(Parallel::FdReactor* reactor, Parallel::Handler* handler) {
 
 QelcClientSession::QelcClientSession(Parallel::FdReactor* r, ClientSession* parent,
                                      Base::Reportable* rep, Base::DataFlow* log,
-                                     int buffer_factor)
+                                     int buffer_factor, int connect_period)
     : ClientSession(r, parent, rep),
       port(0),
       idle_limit(120 * CLOCK_SECOND),
@@ -50,7 +50,7 @@ QelcClientSession::QelcClientSession(Parallel::FdReactor* r, ClientSession* pare
     channel = new QelcClientChannel(r, this, rep, buffer_factor);
     channel->set_log(log);
     heartbeat_timer = r->add_timer(TIMER_HEARTBEAT, HEARTBEAT_PERIOD, false, this, false);
-    connect_timer = r->add_timer(TIMER_CONNECT, CONNECT_PERIOD, false, this, false);
+    connect_timer = r->add_timer(TIMER_CONNECT, connect_period, false, this, false);
     buffer_timer = r->add_timer(TIMER_BUFFER, BUFFER_PERIOD, false, this, false);
 }
 
@@ -246,8 +246,8 @@ void QelcBondClientSession::set_periods(int fens_us, int connect_us) {
 }
 
 QelcClientSession* QelcBondClientSession::make_child(int i) {
-    QelcClientSession* child = new QelcClientSession(reactor, this, reporter, nullptr, factor);
-    child->get_connect_timer()->interval = connect_period;
+    QelcClientSession* child =
+        new QelcClientSession(reactor, this, reporter, nullptr, factor, connect_period);
     sessions[i] = child;
     return child;
 }

@@ -76,7 +76,8 @@ public:
     static const int BUFFER_PERIOD = 1000000;
 
     QelcClientSession(Parallel::FdReactor* reactor, ClientSession* parent,
-                      Base::Reportable* reporter, Base::DataFlow* log, int buffer_factor);
+                      Base::Reportable* reporter, Base::DataFlow* log, int buffer_factor,
+                      int connect_period = CONNECT_PERIOD);
     ~QelcClientSession() override;
 
     bool open(const char* host, int port);

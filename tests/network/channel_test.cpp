@@ -32,6 +32,12 @@ struct Link {
         return server.accept_one() && wait_until([&] { return owner.connected.load() > 0; });
     }
     Network::QelcClientChannel* channel() { return session->get_client_channel(); }
+    // Read on the reactor thread, where it is written.
+    unsigned int heartbeat_timeout() {
+        unsigned int t = 0;
+        run_on(reactor, [&] { t = session->get_heartbeat_timeout(); });
+        return t;
+    }
     // Waits for the reason and checks it came alone.
     void expect_reason(int reason) {
         EXPECT_TRUE(wait_until([&] { return !owner.get_reasons().empty(); }));
@@ -190,7 +196,9 @@ TEST(QelcClientChannel, PeerFaultsCloseWithTheirReasons) {
         link.server.send(data_frame(3, 1, 5, 9) + c.bytes);
         link.expect_reason(c.reason);
         EXPECT_EQ(flow3->get_count(), 1u);
-        EXPECT_FALSE(link.channel()->is_valid());
+        bool valid = true;
+        run_on(reactor.get(), [&] { valid = link.channel()->is_valid(); });
+        EXPECT_FALSE(valid);
         delete flow3;
         delete flow6;
     }
@@ -215,12 +223,14 @@ TEST(QelcClientChannel, HeartbeatIntervalAnnouncement) {
     EXPECT_EQ(link.server.recv_for(3000, 6), heartbeat);
     // 100 seconds is held to 60 x 3 + 1.
     link.server.send(std::string("\x00\x06\x00\x00\x07\x04\x00\x00\x00\x64", 10));
-    ASSERT_TRUE(wait_until([&] { return link.session->get_heartbeat_timeout() == 181; }));
-    EXPECT_EQ(link.session->get_idle_limit(), 184 * QelcClientSession::CLOCK_SECOND);
+    ASSERT_TRUE(wait_until([&] { return link.heartbeat_timeout() == 181; }));
+    unsigned long limit = 0;
+    run_on(reactor.get(), [&] { limit = link.session->get_idle_limit(); });
+    EXPECT_EQ(limit, 184 * QelcClientSession::CLOCK_SECOND);
     EXPECT_EQ(link.server.recv_for(3000, 10), std::string("\x00\x06\x00\x00\x07\x04\x00\x00\x00\x3c", 10));
     // 0 gives 4 s: a heartbeat every second; echoed as 1.
     link.server.send(std::string("\x00\x06\x00\x00\x07\x04\x00\x00\x00\x00", 10));
-    ASSERT_TRUE(wait_until([&] { return link.session->get_heartbeat_timeout() == 4; }));
+    ASSERT_TRUE(wait_until([&] { return link.heartbeat_timeout() == 4; }));
     std::string got = link.server.recv_for(3500, 10 + 6 * 3);
     EXPECT_EQ(got.substr(0, 10), std::string("\x00\x06\x00\x00\x07\x04\x00\x00\x00\x01", 10));
     EXPECT_EQ(got.substr(10), heartbeat + heartbeat + heartbeat);
@@ -339,4 +349,74 @@ TEST(QelcClientSession, TimeoutClamps) {
         EXPECT_EQ(s.get_heartbeat_timeout(), 4u);
         EXPECT_EQ(s.get_client_channel()->get_heartbeat_timeout(), 4u);
     });
+}
+
+// What goes on the wire: control frames plain; data frames compressed only
+// when that makes them smaller, then enciphered per frame from the IV.
+TEST(QelcClientChannel, WireFormOfSentFrames) {
+    Reactor reactor;
+    for (unsigned char type : {0, 3}) {
+        Link link(reactor.get());
+        Network::QelcFlow* requests = make_flow(1);
+        const unsigned long key = 0x99aabbccddeeff00UL;
+        link.owner.on_connect = [&] {
+            link.session->publish(requests, 0, nullptr, nullptr, nullptr);
+            link.session->enable_compress();
+            if (type) link.session->set_cipher(type, key);
+        };
+        ASSERT_TRUE(link.open());
+        const std::string heartbeat("\x00\x02\x00\x00\x05\x00", 6);
+        ASSERT_EQ(link.server.recv_for(3000, 6), heartbeat);
+        // Frames 0 and 2 compress; frame 1 (escaped bytes cost two) does not.
+        std::vector<std::string> sent;
+        for (int i = 0; i < 3; ++i) {
+            std::string f = data_frame(1, unsigned(i + 1), 500, i);
+            if (i == 1)
+                for (size_t k = 26; k < f.size(); ++k) f[k] = static_cast<char>(0xe0 + k % 16);
+            sent.push_back(f);
+        }
+        run_on(reactor.get(), [&] {
+            Network::QelcFlow::Writer writer(requests, false);
+            for (const std::string& f : sent)
+                writer.add_packet(reinterpret_cast<const Network::XmpPacket::Header*>(f.data()), false, true);
+        });
+        Network::ChannelCipher cipher;
+        cipher.set(type, key);
+        std::string wire;
+        size_t at = 0;
+        for (int i = 0; i < 3; ++i) {
+            while (wire.size() < at + 4) wire += link.server.recv_for(50);
+            size_t size = Network::get_be16(wire.data() + at + 2) + 4u;
+            while (wire.size() < at + size) wire += link.server.recv_for(50);
+            std::string frame = wire.substr(at, size);
+            at += size;
+            if (frame[0] == 0) {  // a heartbeat may come between
+                --i;
+                continue;
+            }
+            std::string clear = frame;
+            cipher.decode(reinterpret_cast<unsigned char*>(&clear[4]),
+                          reinterpret_cast<const unsigned char*>(frame.data() + 4), int(size) - 4);
+            if (type) {
+                EXPECT_NE(clear, frame);
+            }
+            EXPECT_EQ(clear[4], 1);
+            EXPECT_EQ(int(clear[5]), i == 1 ? 0 : 3) << i;
+            std::string plain = clear;
+            if (clear[5] == 3) {
+                std::string out(8200, '\0');
+                int n = 8194;
+                ASSERT_EQ(0, Network::CrpPacket::decode_zero(reinterpret_cast<unsigned char*>(&out[6]), n,
+                                                             reinterpret_cast<const unsigned char*>(clear.data() + 6),
+                                                             int(clear.size()) - 6));
+                plain = clear.substr(0, 6) + out.substr(6, size_t(n));
+                Network::put_be16(&plain[2], static_cast<uint16_t>(n + 2));
+                plain[5] = 0;
+                EXPECT_LT(clear.size(), plain.size());
+            }
+            EXPECT_TRUE(plain == sent[size_t(i)]) << i;
+        }
+        run_on(reactor.get(), [&] { link.session->close(0); });
+        delete requests;
+    }
 }
