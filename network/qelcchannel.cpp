@@ -607,10 +607,9 @@ bool QelcServerChannel::publish(Base::DataFlow* flow, Base::DataFlow::AckCallbac
     unsigned int n = pub_count.load(std::memory_order_relaxed);
     if (n >= MAX_FLOWS) return false;
     pubs[n] = PubRecord{flow, ack, read_callback, reader, recycler, waiting};
-    // Full fence: the entry is complete before a reader on another thread
-    // can see the count that covers it.
-    std::atomic_thread_fence(std::memory_order_seq_cst);
-    pub_count.store(n + 1, std::memory_order_release);
+    // Sequentially consistent store, a full fence: the entry is complete
+    // before a reader on another thread can see the count that covers it.
+    pub_count.store(n + 1, std::memory_order_seq_cst);
     return true;
 }
 
@@ -618,9 +617,8 @@ bool QelcServerChannel::subscribe(Base::DataFlow* flow, FrameFilter, unsigned lo
     unsigned int n = sub_count.load(std::memory_order_relaxed);
     if (n >= MAX_FLOWS) return false;
     subs[n] = flow;
-    // Full fence: as in publish.
-    std::atomic_thread_fence(std::memory_order_seq_cst);
-    sub_count.store(n + 1, std::memory_order_release);
+    // Full fence, as in publish.
+    sub_count.store(n + 1, std::memory_order_seq_cst);
     return true;
 }
 

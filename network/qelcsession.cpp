@@ -24,14 +24,20 @@ unsigned int clamp(unsigned int v, unsigned int low, unsigned int high) {
 }
 
 // Lets every event already queued for handler run (or be ignored) before
-// its owner goes away. On the reactor thread nothing can be queued behind
-// the caller's back in a way that it would see, and a post would run
-// inline, so there it does nothing.
+// its owner goes away: a forced event holds a raw pointer to its handler.
+// From another thread a blocking no-op event is a barrier behind them. On
+// the reactor thread itself (a destructor run from an event or a timer)
+// the queue is run here, re-entrantly, until it is empty; bounded, in case
+// handlers keep posting.
 void drain_events(Parallel::FdReactor* reactor, Parallel::Handler* handler) {
-    if (reactor->is_current()) return;
-    Base::Sign sign(0);
-    reactor->add_event(EVENT_SESSION_FLUSH, nullptr, &sign, handler, false);
-    sign.join();
+    if (!reactor->is_current()) {
+        Base::Sign sign(0);
+        reactor->add_event(EVENT_SESSION_FLUSH, nullptr, &sign, handler, false);
+        sign.join();
+        return;
+    }
+    for (int round = 0; round < 512 && reactor->event_proc(); ++round) {
+    }
 }
 
 }  // namespace
@@ -446,6 +452,8 @@ QelcServerSession::~QelcServerSession() {
     Base::Sign sign(0);
     reactor->add_event(EVENT_DESTROY_CLIENTS, nullptr, &sign, this, false);
     sign.join();
+    // A lost client's 1012 may still be queued; it finds the list empty.
+    drain_events(reactor, this);
     delete clients;
 }
 

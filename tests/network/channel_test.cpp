@@ -44,6 +44,7 @@ struct Link {
         std::vector<int> got = owner.get_reasons();
         ASSERT_EQ(got.size(), 1u);
         EXPECT_EQ(got[0], reason);
+        run_on(reactor, [] {});  // the close has returned before flows go
     }
 
     Parallel::FdReactor* reactor;
@@ -134,6 +135,7 @@ TEST(QelcClientChannel, RoutesByFallbackSubjects) {
     ASSERT_TRUE(wait_until([&] { return flow1->get_count() == 2 && flow2->get_count() == 3; }));
     EXPECT_TRUE(records(flow2)[1] == data_frame(5, 2, 8, 4));
     EXPECT_TRUE(link.owner.get_reasons().empty());
+    run_on(reactor.get(), [&] { link.session->close(0); });
     delete flow1;
     delete flow2;
 }

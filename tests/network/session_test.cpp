@@ -127,10 +127,10 @@ TEST(QelcSessions, FlowsCrossWholeAndInOrder) {
                 };
                 pair.connect(2);
                 ASSERT_TRUE(wait_until([&] { return pair.server_owner.created.load() == 1; }));
-                std::thread writer([&] { write_packets(down, 600, 1800, type); });
-                write_packets(up, 400, 900, type + 50);
+                std::thread writer([&] { write_packets(down, 200, 1800, type); });
+                write_packets(up, 150, 900, type + 50);
                 writer.join();
-                ASSERT_TRUE(wait_until([&] { return got_down->get_count() == 600 && got_up->get_count() == 400; }));
+                ASSERT_TRUE(wait_until([&] { return got_down->get_count() == 200 && got_up->get_count() == 150; }));
                 expect_same(down, got_down);
                 expect_same(up, got_up);
                 EXPECT_TRUE(pair.owner.get_reasons().empty());
