@@ -24,7 +24,7 @@ TradeApi::TradeApi(const char* path, Parallel::FdReactor* reactor_given)
       link_time(0),
       request_log(nullptr),
       response_log(nullptr),
-      released(false) {
+      release_sign(0) {
     Base::str_ncpy(sizeof(flow_path) - 1, flow_path, path);
     std::memset(fronts, 0, sizeof(fronts));
     std::memset(name_servers, 0, sizeof(name_servers));
@@ -48,19 +48,12 @@ int TradeApi::Init() {
 
 int TradeApi::Release() {
     if (reactor == nullptr) return -9;
-    {
-        std::lock_guard<std::mutex> guard(release_mutex);
-        released = true;
-    }
-    release_cond.notify_all();
+    release_sign.set();
     return 0;
 }
 
 int TradeApi::Join() {
-    {
-        std::unique_lock<std::mutex> lock(release_mutex);
-        release_cond.wait(lock, [this] { return released; });
-    }
+    release_sign.join();
     delete this;
     return 0;
 }
@@ -74,12 +67,16 @@ void TradeApi::RegisterSpi(CTulmQelcTraderSpi* callback) { spi = callback; }
 int TradeApi::add_address(char (*table)[ADDRESS_SIZE], int& count, int& other_count, int limit,
                           const char* address) {
     if (reactor != nullptr) return -10;
-    std::lock_guard<std::mutex> guard(api_mutex);
+    api_mutex.enter();
     other_count = 0;
-    if (count >= limit) return -8;
-    Base::str_ncpy(ADDRESS_SIZE - 1, table[count], address);
-    ++count;
-    return 0;
+    int result = -8;
+    if (count < limit) {
+        Base::str_ncpy(ADDRESS_SIZE - 1, table[count], address);
+        ++count;
+        result = 0;
+    }
+    api_mutex.leave();
+    return result;
 }
 
 int TradeApi::RegisterFront(const char* address) {

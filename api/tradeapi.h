@@ -10,12 +10,12 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
-#include <mutex>
 
 #include "api/QelcTraderApi.h"
+#include "base/mutex.h"
+#include "base/sign.h"
 
 namespace Parallel {
 class FdReactor;
@@ -129,12 +129,8 @@ private:
     FILE* request_log;
     FILE* response_log;
 
-    // Set by Release, waited on by Join.
-    std::mutex release_mutex;
-    std::condition_variable release_cond;
-    bool released;
-
-    std::mutex api_mutex;
+    Base::Sign release_sign;  // set by Release, waited on by Join
+    Base::Mutex api_mutex;    // the one lock of the request side
 };
 
 }  // namespace Api

@@ -1,6 +1,7 @@
 // Small atomic helpers shared by the lock-free code.
 //
-// full_fence() is a sequentially consistent fence. ThreadSanitizer does not
+// full_fence() is a sequentially consistent fence, acquire_fence() an
+// acquire fence. ThreadSanitizer does not
 // model stand-alone fences, so every fence in this code base is paired with a
 // release or acquire operation that carries the same ordering for it; the
 // fence itself stays in the sanitized build, only the warning is silenced.
@@ -19,6 +20,7 @@ namespace Base {
 #pragma GCC diagnostic ignored "-Wpragmas"
 #pragma GCC diagnostic ignored "-Wtsan"
 inline void full_fence() { __atomic_thread_fence(__ATOMIC_SEQ_CST); }
+inline void acquire_fence() { __atomic_thread_fence(__ATOMIC_ACQUIRE); }
 #pragma GCC diagnostic pop
 
 inline void tsan_release(const void* address) {

@@ -6,10 +6,15 @@
 // them. Null is a value inside each member's own range (see set_null).
 #pragma once
 
+#include <cstdio>
+
 #include "base/datatype.h"
+#include "base/json.h"
 #include "base/map.h"
 
 namespace Base {
+
+class Csv;
 
 class FieldDesc {
 public:
@@ -84,6 +89,26 @@ public:
     // The description itself in var form (the catalogue dump's blob).
     int to_var_stream(void* dst, int len) const;
     int from_var_stream(const void* src, int len);
+
+    // Text forms (base/fieldtext.cpp). A null value prints as nothing; with
+    // quote a '"' in a string is doubled; hex, when given, is scratch for the
+    // bit image of a float ("@" and its bytes), which reads back exactly.
+    // dst null only counts; dst must be large enough otherwise.
+    static int print_member(char* dst, DataType type, const void* value, bool quote, int width, bool pad,
+                            char* hex);
+    static void write_member(DataType type, const void* value, bool quote, FILE* file, int width, bool pad,
+                             char* hex);
+    // names: Name="value" Other="" (the log form); without names a CSV row.
+    int print_field(char* dst, const void* record, bool quote, bool pad, bool names, char* hex) const;
+    void write_field(const void* record, bool quote, FILE* file, bool pad, bool names, char* hex) const;
+    void write_head(bool quote, FILE* file) const;
+    void to_csv(Csv* csv, const void* record, bool hex) const;
+    // Members without a column of their name stay as they were.
+    void from_csv(Csv* csv, void* record, char* buffer) const;
+    void to_json(FILE* file, const void* record, char* buffer, char* escaped, bool hex) const;
+    void to_json(Json::Object* object, const void* record, char* hex) const;
+    // Members without a string property of their name stay as they were.
+    void from_json(const Json::Object* object, void* record) const;
 
     int member_count;
     MemberDesc members[MAX_MEMBERS];

@@ -52,7 +52,14 @@ void* LFQueue::pop() {
     for (;;) {
         TaggedPair seen = pair_read(head);
         TaggedPair link = pair_read(seen.node);
-        if (link.node == nullptr) return nullptr;
+        if (link.node == nullptr) {
+            // Empty only if head has not moved meanwhile: another consumer
+            // may have made seen's node a pool node or a fresh tail, whose
+            // link is empty too. head's tag never repeats, so the tag word
+            // alone tells (relaxed: a re-check, as the swap would be).
+            if (__atomic_load_n(&head[0], __ATOMIC_RELAXED) == seen.tag) return nullptr;
+            continue;
+        }
         // Read the value before the swap: once the swap succeeds the node is
         // the new dummy, and another consumer may recycle it at once. Nodes
         // are never freed, and a value read from a recycled node is dropped

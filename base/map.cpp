@@ -16,9 +16,11 @@ namespace Base {
 
 namespace {
 
+// Built at compile time: descriptions hash their member names during static
+// initialisation of other files, before any dynamic initialiser here has run.
 struct Crc32cTable {
     unsigned int t[256];
-    Crc32cTable() {
+    constexpr Crc32cTable() : t() {
         for (unsigned int i = 0; i < 256; ++i) {
             unsigned int c = i;
             for (int k = 0; k < 8; ++k) c = (c >> 1) ^ (0x82F63B78u & (0u - (c & 1)));
@@ -26,7 +28,7 @@ struct Crc32cTable {
         }
     }
 };
-const Crc32cTable g_crc32c_table;
+constexpr Crc32cTable g_crc32c_table;
 
 inline unsigned int crc_byte(unsigned int crc, unsigned char b) {
     return (crc >> 8) ^ g_crc32c_table.t[(crc ^ b) & 0xFF];
@@ -51,9 +53,16 @@ __attribute__((target("sse4.2"))) unsigned int crc_insn(const unsigned char* p, 
     if (size >= 1) crc = _mm_crc32_u8(crc, *p);
     return crc;
 }
-const bool g_crc32c_insn = __builtin_cpu_supports("sse4.2");
+// Asked on first use, not at load time, for the same reason as the table.
+bool crc32c_insn() {
+    static const bool supported = [] {
+        __builtin_cpu_init();
+        return __builtin_cpu_supports("sse4.2") != 0;
+    }();
+    return supported;
+}
 #else
-const bool g_crc32c_insn = false;
+bool crc32c_insn() { return false; }
 #endif
 
 }  // namespace
@@ -69,12 +78,12 @@ unsigned int Hash::calc_software(const void* data, int size, unsigned int seed) 
 
 unsigned int Hash::calc_hardware(const void* data, int size, unsigned int seed) {
 #ifdef QEL_HAVE_CRC32C_INSN
-    if (g_crc32c_insn) return crc_insn(static_cast<const unsigned char*>(data), size, seed);
+    if (crc32c_insn()) return crc_insn(static_cast<const unsigned char*>(data), size, seed);
 #endif
     return calc_software(data, size, seed);
 }
 
-bool Hash::has_hardware() { return g_crc32c_insn; }
+bool Hash::has_hardware() { return crc32c_insn(); }
 
 unsigned int Hash::calc(const void* data, int size, unsigned int seed) {
     if (size <= 0) return seed;

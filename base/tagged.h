@@ -12,8 +12,11 @@
 
 #include "base/atomics.h"
 
-#if !defined(__x86_64__) && !defined(__aarch64__)
-#error "the lock-free containers are written for x86-64 and AArch64 only"
+// On AArch64 a compiler's 16-byte compare-and-swap does not always make a
+// failed compare an atomic read (it needs a store-exclusive of the value it
+// loaded), so the pair read below would not be atomic there: x86-64 only.
+#if !defined(__x86_64__)
+#error "the lock-free containers are written for x86-64 (cmpxchg16b) only"
 #endif
 #if !defined(__GCC_HAVE_SYNC_COMPARE_AND_SWAP_16)
 #error "the lock-free containers need a 16-byte compare-and-swap: build with -mcx16 (cmpxchg16b)"

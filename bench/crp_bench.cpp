@@ -1,6 +1,7 @@
 // Zero compression throughput on the frames a channel really sends: one
 // order insert, and a full 4 KiB frame of mixed records. Each figure is in
 // bytes of plain packet per second, beside memcpy of the same bytes.
+#include "base/qelfield.h"
 #include "network/crppacket.h"
 #include "network/qelcpacket.h"
 #include "network/xmppacket.h"
@@ -18,8 +19,6 @@ namespace {
 
 const int CAPACITY = 2 * Network::XmpPacket::MAX_PACKAGE_SIZE - 6;
 
-void put_text(char* at, const char* text) { std::memcpy(at, text, std::strlen(text)); }
-
 void put_be64(char* at, const void* value)
 {
     const unsigned char* v = static_cast<const unsigned char*>(value);
@@ -32,40 +31,43 @@ struct Sample {
     std::vector<unsigned char> coded;
 };
 
-// One order insert record in stream form, laid out by its member offsets.
-void fill_order(char* v)
+// A typical order insert, as an application fills it in.
+QelInputOrderField typical_order()
 {
-    std::memset(v, 0, 210);
-    put_text(v + 13, "0001");           // ParticipantID
-    put_text(v + 24, "00010203");       // ClientID
-    put_text(v + 35, "trader01");       // UserID
-    put_text(v + 51, "IF2612");         // InstrumentID
-    v[82] = '2';                        // OrderPriceType
-    v[83] = '0';                        // Direction
-    put_text(v + 84, "0");              // CombOffsetFlag
-    put_text(v + 89, "1");              // CombHedgeFlag
-    double price = 4123.4;
-    put_be64(v + 94, &price);           // LimitPrice
-    v[105] = 5;                         // VolumeTotalOriginal
-    v[106] = '3';                       // TimeCondition
-    v[116] = '1';                       // VolumeCondition
-    v[120] = 1;                         // MinVolume
-    v[121] = '1';                       // ContingentCondition
-    v[130] = '0';                       // ForceCloseReason
-    put_text(v + 131, "000000012345");  // OrderLocalID
-    put_text(v + 173, "10.0.0.17");     // IPAddress
-    put_text(v + 189, "00:1A:2B:3C:4D:5E");
+    QelInputOrderField r;
+    std::memset(&r, 0, sizeof(r));
+    std::strcpy(r.ParticipantID, "0001");
+    std::strcpy(r.ClientID, "00010203");
+    std::strcpy(r.UserID, "trader01");
+    std::strcpy(r.InstrumentID, "IF2612");
+    r.OrderPriceType = '2';
+    r.Direction = '0';
+    std::strcpy(r.CombOffsetFlag, "0");
+    std::strcpy(r.CombHedgeFlag, "1");
+    r.LimitPrice = 4123.4;
+    r.VolumeTotalOriginal = 5;
+    r.TimeCondition = '3';
+    r.VolumeCondition = '1';
+    r.MinVolume = 1;
+    r.ContingentCondition = '1';
+    r.ForceCloseReason = '0';
+    std::strcpy(r.OrderLocalID, "000000012345");
+    std::strcpy(r.IPAddress, "10.0.0.17");
+    std::strcpy(r.MacAddress, "00:1A:2B:3C:4D:5E");
+    return r;
 }
 
 Sample make_sample(bool full)
 {
     std::vector<char> area(QelcPacket::HEADER_SIZE + QelcPacket::MAX_BODY_SIZE);
-    QelcPacket packet(0x1005, 0, 'L');
+    QelcPacket packet(0, 0, QelcPacket::CHAIN_LAST);
     packet.get_header().Subject = 1;
     packet.get_header().set_sequence(123456);
     packet.attach(area.data());
+    packet.get_header().PacketId = get_qel_packet_id("ReqOrderInsert");
     packet.get_header().RequestId = 42;
-    fill_order(packet.add_field(0x0011, 210));
+    const QelInputOrderField order = typical_order();
+    packet.add_field(&QelInputOrderField::DESC, &order, &QelInputOrderField::to_stream);
     if (full) {
         // Returned orders, trades and bulletins of their usual sizes: short
         // texts in zero-filled arrays, prices as doubles.

@@ -21,16 +21,60 @@ void copy_num(uint64_t* r, int& rn, const uint64_t* a, int an)
 
 // Field operations modulo p on reduced operands; each result goes through a
 // local so that it may share storage with an operand.
+// With montgomery set, operands and results of mul are in Montgomery form
+// (x R mod p, R = 2^(64 pn)), which spares the division of each product;
+// add and sub are the same in both forms.
 struct Field {
     const uint64_t* p;
     int pn;
+    bool montgomery = false;
+    uint64_t m0inv = 0;
+    bool a_is_minus_3 = false;  // a = p - 3, as on the SM2 curve: a shorter doubling
+
+    void check_a(const uint64_t* a, int an)
+    {
+        uint64_t t[W];
+        int tn;
+        uint64_t three[1] = {3};
+        mpi_add(t, tn, a, mpi_normalize(a, an), three, 1);
+        a_is_minus_3 = mpi_equal_num(t, tn, p, pn);
+    }
 
     void mul(uint64_t* r, int& rn, const uint64_t* a, int an, const uint64_t* b, int bn) const
     {
+        if (montgomery) {
+            // The product reads pn limbs of each operand: pad them with zeros.
+            uint64_t ta[W], tb[W];
+            an = mpi_normalize(a, an);
+            bn = mpi_normalize(b, bn);
+            for (int i = 0; i < pn; i++) {
+                ta[i] = i < an ? a[i] : 0;
+                tb[i] = i < bn ? b[i] : 0;
+            }
+            mpi_mont_mul(ta, ta, tb, p, pn, m0inv);
+            copy_num(r, rn, ta, mpi_normalize(ta, pn));
+            return;
+        }
         uint64_t t[2 * W];
         int tn;
         mpi_mul(t, tn, a, an, b, bn);
         mpi_mod(r, rn, t, tn, p, pn);
+    }
+    // x R mod p, for x below p.
+    void to_montgomery(uint64_t* r, int& rn, const uint64_t* x, int xn) const
+    {
+        uint64_t t[2 * W] = {};
+        xn = mpi_normalize(x, xn);
+        std::memcpy(t + pn, x, xn * 8);
+        mpi_mod(r, rn, t, pn + xn, p, pn);
+    }
+    // x / R mod p: the Montgomery product with 1.
+    void from_montgomery(uint64_t* r, int& rn, const uint64_t* x, int xn) const
+    {
+        uint64_t t[W] = {}, one[W] = {1};
+        std::memcpy(t, x, mpi_normalize(x, xn) * 8);
+        mpi_mont_mul(t, t, one, p, pn, m0inv);
+        copy_num(r, rn, t, mpi_normalize(t, pn));
     }
     void add(uint64_t* r, int& rn, const uint64_t* a, int an, const uint64_t* b, int bn) const
     {
@@ -234,16 +278,15 @@ void ecc_point_mul(uint64_t* rx, int& rxn, uint64_t* ry, int& ryn, const uint64_
     ecc_point_copy(rx, rxn, ry, ryn, ax.v, ax.n, ay.v, ay.n);
 }
 
-void ecc_point_double_jacobian(uint64_t* x, int& xn, uint64_t* y, int& yn, uint64_t* z, int& zn,
-                               const uint64_t* a, int an, const uint64_t* p, int pn)
+// P = 2P over the field f; a is in f's form.
+static void double_jacobian(const Field& f, uint64_t* x, int& xn, uint64_t* y, int& yn,
+                            uint64_t* z, int& zn, const uint64_t* a, int an)
 {
     if (zn == 0 || yn == 0) {
         ecc_coordinate_set_infinite(z, zn);
         return;
     }
-    Field f{p, pn};
     Num xx, yy, yyyy, zz, s, m, t;
-    f.mul(xx.v, xx.n, x, xn, x, xn);
     f.mul(yy.v, yy.n, y, yn, y, yn);
     f.mul(yyyy.v, yyyy.n, yy.v, yy.n, yy.v, yy.n);
     f.mul(zz.v, zz.n, z, zn, z, zn);
@@ -251,12 +294,22 @@ void ecc_point_double_jacobian(uint64_t* x, int& xn, uint64_t* y, int& yn, uint6
     f.mul(s.v, s.n, x, xn, yy.v, yy.n);
     f.add(s.v, s.n, s.v, s.n, s.v, s.n);
     f.add(s.v, s.n, s.v, s.n, s.v, s.n);
-    // M = 3 XX + a ZZ^2
-    f.add(m.v, m.n, xx.v, xx.n, xx.v, xx.n);
-    f.add(m.v, m.n, m.v, m.n, xx.v, xx.n);
-    f.mul(t.v, t.n, zz.v, zz.n, zz.v, zz.n);
-    f.mul(t.v, t.n, t.v, t.n, a, an);
-    f.add(m.v, m.n, m.v, m.n, t.v, t.n);
+    if (f.a_is_minus_3) {
+        // M = 3 (X - ZZ)(X + ZZ), the same as 3 XX - 3 ZZ^2
+        f.sub(t.v, t.n, x, xn, zz.v, zz.n);
+        f.add(xx.v, xx.n, x, xn, zz.v, zz.n);
+        f.mul(t.v, t.n, t.v, t.n, xx.v, xx.n);
+        f.add(m.v, m.n, t.v, t.n, t.v, t.n);
+        f.add(m.v, m.n, m.v, m.n, t.v, t.n);
+    } else {
+        // M = 3 XX + a ZZ^2
+        f.mul(xx.v, xx.n, x, xn, x, xn);
+        f.add(m.v, m.n, xx.v, xx.n, xx.v, xx.n);
+        f.add(m.v, m.n, m.v, m.n, xx.v, xx.n);
+        f.mul(t.v, t.n, zz.v, zz.n, zz.v, zz.n);
+        f.mul(t.v, t.n, t.v, t.n, a, an);
+        f.add(m.v, m.n, m.v, m.n, t.v, t.n);
+    }
     // Z3 = 2 Y Z, before Y changes
     f.mul(t.v, t.n, y, yn, z, zn);
     f.add(z, zn, t.v, t.n, t.v, t.n);
@@ -273,10 +326,10 @@ void ecc_point_double_jacobian(uint64_t* x, int& xn, uint64_t* y, int& yn, uint6
     f.sub(y, yn, t.v, t.n, yyyy.v, yyyy.n);
 }
 
-void ecc_point_add_jacobian(uint64_t* x1, int& x1n, uint64_t* y1, int& y1n, uint64_t* z1,
-                            int& z1n, const uint64_t* x2, int x2n, const uint64_t* y2, int y2n,
-                            const uint64_t* z2, int z2n, const uint64_t* a, int an,
-                            const uint64_t* p, int pn)
+// P1 = P1 + P2 over the field f; a is in f's form.
+static void add_jacobian(const Field& f, uint64_t* x1, int& x1n, uint64_t* y1, int& y1n,
+                         uint64_t* z1, int& z1n, const uint64_t* x2, int x2n, const uint64_t* y2,
+                         int y2n, const uint64_t* z2, int z2n, const uint64_t* a, int an)
 {
     if (z2n == 0)
         return;
@@ -286,7 +339,6 @@ void ecc_point_add_jacobian(uint64_t* x1, int& x1n, uint64_t* y1, int& y1n, uint
         copy_num(z1, z1n, z2, z2n);
         return;
     }
-    Field f{p, pn};
     Num z1z1, z2z2, u1, u2, s1, s2, h, r, hh, hhh, v, t;
     f.mul(z1z1.v, z1z1.n, z1, z1n, z1, z1n);
     f.mul(z2z2.v, z2z2.n, z2, z2n, z2, z2n);
@@ -298,7 +350,7 @@ void ecc_point_add_jacobian(uint64_t* x1, int& x1n, uint64_t* y1, int& y1n, uint
     f.mul(s2.v, s2.n, s2.v, s2.n, z1z1.v, z1z1.n);
     if (mpi_equal_num(u1.v, u1.n, u2.v, u2.n)) {
         if (mpi_equal_num(s1.v, s1.n, s2.v, s2.n))
-            ecc_point_double_jacobian(x1, x1n, y1, y1n, z1, z1n, a, an, p, pn);
+            double_jacobian(f, x1, x1n, y1, y1n, z1, z1n, a, an);
         else
             ecc_coordinate_set_infinite(z1, z1n);
         return;
@@ -321,6 +373,24 @@ void ecc_point_add_jacobian(uint64_t* x1, int& x1n, uint64_t* y1, int& y1n, uint
     f.mul(t.v, t.n, r.v, r.n, t.v, t.n);
     f.mul(s1.v, s1.n, s1.v, s1.n, hhh.v, hhh.n);
     f.sub(y1, y1n, t.v, t.n, s1.v, s1.n);
+}
+
+void ecc_point_double_jacobian(uint64_t* x, int& xn, uint64_t* y, int& yn, uint64_t* z, int& zn,
+                               const uint64_t* a, int an, const uint64_t* p, int pn)
+{
+    Field f{p, mpi_normalize(p, pn)};
+    f.check_a(a, an);
+    double_jacobian(f, x, xn, y, yn, z, zn, a, an);
+}
+
+void ecc_point_add_jacobian(uint64_t* x1, int& x1n, uint64_t* y1, int& y1n, uint64_t* z1,
+                            int& z1n, const uint64_t* x2, int x2n, const uint64_t* y2, int y2n,
+                            const uint64_t* z2, int z2n, const uint64_t* a, int an,
+                            const uint64_t* p, int pn)
+{
+    Field f{p, mpi_normalize(p, pn)};
+    f.check_a(a, an);
+    add_jacobian(f, x1, x1n, y1, y1n, z1, z1n, x2, x2n, y2, y2n, z2, z2n, a, an);
 }
 
 void ecc_point_mul_jacobian(uint64_t* rx, int& rxn, uint64_t* ry, int& ryn, const uint64_t* x,
@@ -357,24 +427,37 @@ void ecc_point_mul_jacobian(uint64_t* rx, int& rxn, uint64_t* ry, int& ryn, cons
     int bxn, byn, bzn, axn = 0, ayn = 0, azn = 0, zinvn, tn, sn = kn;
     std::memcpy(scalar, k, kn * 8);
     Field f{p, pn};
-    f.reduce(bx, bxn, x, mpi_normalize(x, xn));
-    f.reduce(by, byn, y, mpi_normalize(y, yn));
-    bz[0] = 1;
-    bzn = 1;
+    // The loop runs in Montgomery form when p is odd, as a prime field's is.
+    Field m{p, pn, (p[0] & 1) != 0, (p[0] & 1) ? mpi_mont_m0inv(p[0]) : 0};
     uint64_t ar[W];
     int arn;
+    f.reduce(bx, bxn, x, mpi_normalize(x, xn));
+    f.reduce(by, byn, y, mpi_normalize(y, yn));
     f.reduce(ar, arn, a, mpi_normalize(a, an));
+    m.check_a(ar, arn);
+    bz[0] = 1;
+    bzn = 1;
+    if (m.montgomery) {
+        m.to_montgomery(bx, bxn, bx, bxn);
+        m.to_montgomery(by, byn, by, byn);
+        m.to_montgomery(bz, bzn, bz, bzn);
+        m.to_montgomery(ar, arn, ar, arn);
+    }
 
     while (sn) {
         if (scalar[0] & 1) {
-            ecc_point_add_jacobian(ax, axn, ay, ayn, az, azn, bx, bxn, by, byn, bz, bzn, ar, arn, p,
-                                   pn);
+            add_jacobian(m, ax, axn, ay, ayn, az, azn, bx, bxn, by, byn, bz, bzn, ar, arn);
             scalar[0] &= ~1ULL;
             sn = mpi_normalize(scalar, sn);
         } else {
-            ecc_point_double_jacobian(bx, bxn, by, byn, bz, bzn, ar, arn, p, pn);
+            double_jacobian(m, bx, bxn, by, byn, bz, bzn, ar, arn);
             mpi_shift_right(scalar, sn, scalar, sn);
         }
+    }
+    if (m.montgomery) {
+        m.from_montgomery(ax, axn, ax, axn);
+        m.from_montgomery(ay, ayn, ay, ayn);
+        m.from_montgomery(az, azn, az, azn);
     }
     if (azn == 0) {
         ecc_point_set_infinite(rx, rxn, ry, ryn);

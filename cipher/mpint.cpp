@@ -720,14 +720,22 @@ bool mpi_square_root(uint64_t* r, int& rn, const uint64_t* a, int an, const uint
 void mpi_mont_mul(uint64_t* r, const uint64_t* a, const uint64_t* b, const uint64_t* m, int n,
                   uint64_t m0inv)
 {
-    Scratch scratch(n + 2);
-    uint64_t* t = scratch.get();
-    std::memset(t, 0, (n + 2) * 8);
+    // Curve-sized operands stay in a small stack block; this runs in every
+    // step of a point multiplication.
+    uint64_t small[34];
+    std::vector<uint64_t> large;
+    uint64_t* t = small;
+    if (n + 2 > 34) {
+        large.resize(n + 2);
+        t = large.data();
+    }
+    // The first row writes t instead of adding to it, so t needs no clearing.
+    t[n] = 0;
     for (int i = 0; i < n; i++) {
         uint64_t carry = 0;
         uint64_t bi = b[i];
         for (int j = 0; j < n; j++) {
-            u128 s = (u128)a[j] * bi + t[j] + carry;
+            u128 s = (u128)a[j] * bi + (i ? t[j] : 0) + carry;
             t[j] = (uint64_t)s;
             carry = (uint64_t)(s >> 64);
         }
@@ -752,7 +760,7 @@ void mpi_mont_mul(uint64_t* r, const uint64_t* a, const uint64_t* b, const uint6
     std::memcpy(r, t, n * 8);
 }
 
-static uint64_t mont_m0inv(uint64_t m0)
+uint64_t mpi_mont_m0inv(uint64_t m0)
 {
     // Newton's iteration doubles the correct low bits each step.
     uint64_t x = m0;  // right to 3 bits for odd m0
@@ -793,7 +801,7 @@ bool mpi_is_prime(const uint64_t* a, int an, int rounds)
     uint64_t* x = base_m + (n + 1);
     uint64_t* wide = x + (n + 1);  // 2n + 1 limbs
     int dn, tn, basen;
-    uint64_t m0inv = mont_m0inv(a[0]);
+    uint64_t m0inv = mpi_mont_m0inv(a[0]);
 
     // a - 1 = d 2^s
     mpi_sub(d, dn, a, an, g_mpi_one, 1);

@@ -81,6 +81,8 @@ bool mpi_square_root(uint64_t* r, int& rn, const uint64_t* a, int an, const uint
 // m0inv = -m^-1 mod 2^64; r holds n limbs, is not normalized, may be a or b.
 void mpi_mont_mul(uint64_t* r, const uint64_t* a, const uint64_t* b, const uint64_t* m, int n,
                   uint64_t m0inv);
+// -m0^-1 mod 2^64 for an odd m0, the constant of mpi_mont_mul.
+uint64_t mpi_mont_m0inv(uint64_t m0);
 bool mpi_is_prime(const uint64_t* a, int an, int rounds);
 // A random number of exactly `bits` bits; limbs holds (bits + 63) / 64.
 void mpi_gen_random(Base::Random* random, int bits, uint64_t* limbs, int& size);

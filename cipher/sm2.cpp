@@ -188,7 +188,8 @@ bool Sm2::encode(unsigned char* dst, int& length, const unsigned char* src, int 
         length = total;
         return true;
     }
-    if (src_length < 1)
+    // Without a k or a public key the key stream would be public.
+    if (src_length < 1 || mpi_is_zero(k.v, limbs) || ecc_point_is_infinite(px.v, px.n, py.v, py.n))
         return false;
     uint64_t x1[ECC_MAX_LIMBS] = {}, y1[ECC_MAX_LIMBS] = {};
     uint64_t x2[ECC_MAX_LIMBS] = {}, y2[ECC_MAX_LIMBS] = {};

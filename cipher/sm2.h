@@ -7,9 +7,10 @@
 // to encrypt.
 //
 // encode() uses the stored ephemeral scalar k: call gen_k() or set_k()
-// before each encryption. The output is C1 C2 C3: the byte 4, x1, y1 (each
-// limbs * 8 bytes, big-endian), the message xored with the key stream, and
-// the 32-byte SM3 of x2, message, y2. With a null dst only length is set
+// before each encryption; without a k or a public key it gives false. The
+// output is C1 C2 C3: the byte 4, x1, y1 (each limbs * 8 bytes, big-endian),
+// the message xored with the key stream, and the 32-byte SM3 of x2,
+// message, y2. With a null dst only length is set
 // (the message length plus 16 * limbs + 33, so 97 more on the 256-bit curve).
 //
 // With mask_with_public_key the first and last limbs * 8 bytes of the

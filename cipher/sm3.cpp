@@ -28,6 +28,31 @@ struct RoundConstants {
 
 constexpr RoundConstants g_round;
 
+// One round with the roles of A to H passed in: the callers rotate the
+// names instead of moving the values (B and F turn in place, D and H take
+// the new A and E).
+#define SM3_ROUND(ff, gg, j, a, b, c, d, e, f, g, h)              \
+    {                                                             \
+        uint32_t a12 = rotl32(a, 12);                             \
+        uint32_t ss1 = rotl32(a12 + e + g_round.t[j], 7);         \
+        uint32_t ss2 = ss1 ^ a12;                                 \
+        d += ff(a, b, c) + ss2 + (w[j] ^ w[(j) + 4]);             \
+        h += gg(e, f, g) + ss1 + w[j];                            \
+        b = rotl32(b, 9);                                         \
+        f = rotl32(f, 19);                                        \
+        h = p0(h);                                                \
+    }
+
+#define SM3_FF0(x, y, z) ((x) ^ (y) ^ (z))
+#define SM3_FF1(x, y, z) (((x) & (y)) | ((z) & ((x) | (y))))
+#define SM3_GG1(x, y, z) ((z) ^ ((x) & ((y) ^ (z))))
+
+#define SM3_FOUR(ff, gg, j)                                   \
+    SM3_ROUND(ff, gg, j, a, b, c, d, e, f, g, h)              \
+    SM3_ROUND(ff, gg, (j) + 1, d, a, b, c, h, e, f, g)        \
+    SM3_ROUND(ff, gg, (j) + 2, c, d, a, b, g, h, e, f)        \
+    SM3_ROUND(ff, gg, (j) + 3, b, c, d, a, f, g, h, e)
+
 void compress(uint32_t* state, const unsigned char* p, size_t count) {
     for (; count; --count, p += 64) {
         uint32_t w[68];
@@ -37,28 +62,13 @@ void compress(uint32_t* state, const unsigned char* p, size_t count) {
             w[i] = p1(w[i - 16] ^ w[i - 9] ^ rotl32(w[i - 3], 15)) ^ rotl32(w[i - 13], 7) ^ w[i - 6];
         uint32_t a = state[0], b = state[1], c = state[2], d = state[3];
         uint32_t e = state[4], f = state[5], g = state[6], h = state[7];
-        for (int j = 0; j < 64; ++j) {
-            uint32_t a12 = rotl32(a, 12);
-            uint32_t ss1 = rotl32(a12 + e + g_round.t[j], 7);
-            uint32_t ss2 = ss1 ^ a12;
-            uint32_t ff, gg;
-            if (j < 16) {
-                ff = a ^ b ^ c;
-                gg = e ^ f ^ g;
-            } else {
-                ff = (a & b) | (a & c) | (b & c);
-                gg = g ^ (e & (f ^ g));
-            }
-            uint32_t tt1 = ff + d + ss2 + (w[j] ^ w[j + 4]);
-            uint32_t tt2 = gg + h + ss1 + w[j];
-            d = c;
-            c = rotl32(b, 9);
-            b = a;
-            a = tt1;
-            h = g;
-            g = rotl32(f, 19);
-            f = e;
-            e = p0(tt2);
+#pragma GCC unroll 4
+        for (int j = 0; j < 16; j += 4) {
+            SM3_FOUR(SM3_FF0, SM3_FF0, j)
+        }
+#pragma GCC unroll 12
+        for (int j = 16; j < 64; j += 4) {
+            SM3_FOUR(SM3_FF1, SM3_GG1, j)
         }
         state[0] ^= a;
         state[1] ^= b;

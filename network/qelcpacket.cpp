@@ -1,5 +1,6 @@
 #include "network/qelcpacket.h"
 
+#include "base/fielddesc.h"
 #include "network/byteorder.h"
 #include "network/xmppacket.h"
 
@@ -8,6 +9,14 @@
 namespace Network {
 
 static_assert(sizeof(QelcPacket::Header) == QelcPacket::HEADER_SIZE, "a body may follow the host header");
+
+namespace {
+
+// Stands in for the value when there is no current record: it is decoded
+// with length 0, so nothing is read from it, but a coder never sees null.
+const char NO_VALUE[1] = {0};
+
+}  // namespace
 
 QelcPacket::QelcPacket(unsigned int packet_id, unsigned int request_id, unsigned char chain) : body(nullptr)
 {
@@ -71,6 +80,29 @@ int QelcPacket::commit()
     if (body == nullptr) return 0;
     to_stream(&header, body - HEADER_SIZE);
     return HEADER_SIZE + header.BodyLength;
+}
+
+char* QelcPacket::add_field(const Base::FieldDesc* desc, const void* record, ToStreamCoder coder)
+{
+    char* value = add_field(desc->id, desc->stream_size);
+    if (value == nullptr || record == nullptr) return value;
+    if (coder != nullptr) coder(record, value, desc->struct_size);
+    else XmpPacket::to_stream(desc, record, value, desc->struct_size);
+    return value;
+}
+
+int QelcPacket::Iterator::get_field(void* record, const Base::FieldDesc* desc, bool raw) const
+{
+    unsigned short size;
+    const char* value = get_field(size);
+    return XmpPacket::from_stream(desc, record, value != nullptr ? value : NO_VALUE, size, raw);
+}
+
+int QelcPacket::Iterator::get_field(void* record, FromStreamCoder coder, bool raw) const
+{
+    unsigned short size;
+    const char* value = get_field(size);
+    return coder(record, value != nullptr ? value : NO_VALUE, size, raw);
 }
 
 void QelcPacket::Iterator::attach(const Header* h, const void* b)

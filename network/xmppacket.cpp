@@ -1,5 +1,6 @@
 #include "network/xmppacket.h"
 
+#include "base/fieldcoder.h"
 #include "network/byteorder.h"
 
 namespace Network {
@@ -73,6 +74,38 @@ bool XmpPacket::is_data_frame(const char* frame, int size)
     from_stream(&header, frame);
     return header.Type == TYPE_DATA && header.ExtLength == 0 && header.Length >= CRP_HEADER_SIZE &&
            header.Length + HEADER_SIZE <= size;
+}
+
+// The generic coders are the record layer's; the packet layer offers them
+// under its own name, beside the frame headers they serve.
+void XmpPacket::to_stream(const Base::FieldDesc* desc, const void* record, void* stream, int record_size)
+{
+    Base::FieldCoder::to_stream(desc, record, stream, record_size);
+}
+
+int XmpPacket::from_stream(const Base::FieldDesc* desc, void* record, const void* stream, int stream_size, bool raw)
+{
+    return Base::FieldCoder::from_stream(desc, record, stream, stream_size, raw);
+}
+
+void XmpPacket::to_struct(const Base::FieldDesc* desc, const void* record, void* out, int record_size)
+{
+    Base::FieldCoder::to_struct(desc, record, out, record_size);
+}
+
+void XmpPacket::to_struct(const Base::FieldDesc* desc, void* record)
+{
+    Base::FieldCoder::to_struct(desc, record);
+}
+
+int XmpPacket::from_struct(const Base::FieldDesc* desc, void* record, const void* in, int in_size)
+{
+    return Base::FieldCoder::from_struct(desc, record, in, in_size);
+}
+
+void XmpPacket::from_struct(const Base::FieldDesc* desc, void* record)
+{
+    Base::FieldCoder::from_struct(desc, record);
 }
 
 }  // namespace Network

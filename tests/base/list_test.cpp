@@ -132,3 +132,24 @@ TEST(Stack, LifoIteratorAndPooledReuse) {
     EXPECT_EQ(stack.get_count(), 0u);
     EXPECT_EQ(stack.top(), nullptr);
 }
+
+TEST(List, NodesStayPutWhileTheListGrowsAndShrinks) {
+    Base::List list(true, 16);
+    const int n = 3000;
+    std::vector<int> values(n);
+    std::vector<Base::List::Node*> nodes(n);
+    for (int i = 0; i < n; i++) {
+        values[i] = i;
+        nodes[i] = list.push_back(&values[i]);
+        if (i % 3 == 2) list.remove(nodes[i - 1]);  // pooled nodes come back into use
+    }
+    int expect = 0;
+    for (Base::List::Node* node = list.get_head(); node != nullptr; node = node->next) {
+        if (expect % 3 == 1) expect++;
+        ASSERT_EQ(node->value, &values[expect]);
+        ASSERT_EQ(nodes[expect], node);
+        expect++;
+    }
+    EXPECT_EQ(expect, n);
+    EXPECT_EQ(list.get_count(), (uint64_t)(n - n / 3));
+}

@@ -76,6 +76,15 @@ TEST(Map, BucketsInsertSearchRemove) {
     EXPECT_EQ(map.insert(&k9999, &v), removed);
     EXPECT_EQ(map.get_count(), 1000u);
 
+    // clear on an empty map does nothing: the free list stays and is used.
+    Map small(Base::DT_INT32, 8, 4, 8);
+    int one = 1;
+    void* first = small.insert(&one, &v);
+    small.remove(&one);
+    small.clear();
+    int two = 2;
+    EXPECT_EQ(small.insert(&two, &v), first);
+
     map.clear();
     EXPECT_EQ(map.get_count(), 0u);
     EXPECT_EQ(map.search(&k9999), nullptr);

@@ -202,9 +202,11 @@ TEST(MpintTest, ArithmeticMatchesOpenssl)
         uint64_t rem = mpi_div(q.data(), qn, a.data(), an, small);
         EXPECT_EQ(BN_mod_word(A.bn, small), rem);
 
-        mpi_gcd(r.data(), rn, a.data(), an, b.data(), bn);
-        BN_gcd(R.bn, A.bn, B.bn, ctx);
-        ASSERT_EQ(R.str(), hex(r.data(), rn));
+        if (iter % 5 == 0) {  // OpenSSL's constant-time gcd is slow
+            mpi_gcd(r.data(), rn, a.data(), an, b.data(), bn);
+            BN_gcd(R.bn, A.bn, B.bn, ctx);
+            ASSERT_EQ(R.str(), hex(r.data(), rn));
+        }
     }
 
     for (int iter = 0; iter < 40; iter++) {

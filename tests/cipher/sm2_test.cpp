@@ -179,7 +179,11 @@ TEST(Sm2Test, EncodeDecodeEdges)
     char x[80], y[80];
     bob.get_public_key(x, y);
     EXPECT_EQ(64u, std::strlen(x));
+    unsigned char probe[128];
+    int probe_length;
+    EXPECT_FALSE(alice.encode(probe, probe_length, (const unsigned char*)"m", 1));  // no key
     ASSERT_TRUE(alice.set_public_key(x, y));
+    EXPECT_FALSE(alice.encode(probe, probe_length, (const unsigned char*)"m", 1));  // no k
 
     // 1 byte gives 98 bytes and comes back.
     unsigned char m = 0x5A, out[256], back[256];

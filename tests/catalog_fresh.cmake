@@ -1,0 +1,35 @@
+# Re-runs the catalogue generator into the build tree and fails when any
+# committed generated file differs from what the tables give today.
+find_program(PYTHON3 NAMES python3 PATHS /usr/bin NO_DEFAULT_PATH)
+if(NOT PYTHON3)
+  find_program(PYTHON3 NAMES python3)
+endif()
+if(NOT PYTHON3)
+  message(FATAL_ERROR "python3 not found")
+endif()
+
+set(out ${BINARY_DIR}/catalog_fresh)
+file(REMOVE_RECURSE ${out})
+execute_process(COMMAND ${PYTHON3} ${SOURCE_DIR}/tools/gen_catalog.py --out ${out}
+                RESULT_VARIABLE result ERROR_VARIABLE errors)
+if(NOT result EQUAL 0)
+  message(FATAL_ERROR "gen_catalog.py failed:\n${errors}")
+endif()
+
+file(GLOB_RECURSE generated RELATIVE ${out} ${out}/*)
+list(LENGTH generated count)
+if(count EQUAL 0)
+  message(FATAL_ERROR "gen_catalog.py wrote nothing")
+endif()
+set(stale "")
+foreach(file ${generated})
+  execute_process(COMMAND ${CMAKE_COMMAND} -E compare_files ${out}/${file} ${SOURCE_DIR}/${file}
+                  RESULT_VARIABLE differs)
+  if(NOT differs EQUAL 0)
+    list(APPEND stale ${file})
+  endif()
+endforeach()
+if(stale)
+  message(FATAL_ERROR "generated files out of date, run tools/gen_catalog.py: ${stale}")
+endif()
+message(STATUS "${count} generated files are fresh")
