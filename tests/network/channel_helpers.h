@@ -193,6 +193,32 @@ public:
     int listen_fd = -1;
     int conn = -1;
     int port = 0;
+
+    // Reads data frames from a descriptor, skipping control frames, until
+    // want bytes of data frames are in (or 5 s pass).
+    struct Reader {
+        int fd;
+        std::string read_frames(size_t want) {
+            std::string in, out;
+            for (int waited = 0; waited < 5000 && out.size() < want; waited += 5) {
+                pollfd p{fd, POLLIN, 0};
+                if (poll(&p, 1, 5) == 1) {
+                    char buf[65536];
+                    ssize_t n = ::recv(fd, buf, sizeof(buf), 0);
+                    if (n <= 0) break;
+                    in.append(buf, size_t(n));
+                }
+                while (in.size() >= 4) {
+                    size_t size = (in[0] == 0 ? size_t(static_cast<unsigned char>(in[1]))
+                                              : size_t(Network::get_be16(in.data() + 2))) + 4;
+                    if (in.size() < size) break;
+                    if (in[0] != 0) out += in.substr(0, size);
+                    in.erase(0, size);
+                }
+            }
+            return out;
+        }
+    };
 };
 
 // A port on 127.0.0.1 where nothing listens: connects are refused.

@@ -252,3 +252,35 @@ TEST(QelcSessions, ReconnectsAfterLossButNotAfterClose) {
     EXPECT_FALSE(server.accept_one(300)) << "a deliberate close is final";
     run_on(reactor.get(), [&] { delete session; });
 }
+
+// A descriptor accepted elsewhere is handed over with event 1011 and served
+// like any other client.
+TEST(QelcSessions, AcceptedDescriptorHandedOverByEvent) {
+    Network::QelcFlow* down = make_flow(3);
+    {
+        Pair pair;
+        run_on(pair.server_reactor.get(), [&] { pair.server->publish(down); });
+        RawServer elsewhere;
+        int peer = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        a.sin_port = htons(uint16_t(elsewhere.port));
+        ASSERT_EQ(0, ::connect(peer, reinterpret_cast<sockaddr*>(&a), sizeof(a)));
+        ASSERT_TRUE(elsewhere.accept_one());
+        int fd = elsewhere.conn;
+        elsewhere.conn = -1;  // the server session owns it now
+        pair.server->on_accepted(fd);  // from this thread: posted, run by the reactor
+        ASSERT_TRUE(wait_until([&] { return pair.server_owner.created.load() == 1; }));
+        write_packets(down, 3, 50, 1);
+        std::vector<std::string> expected = records(down);
+        std::string want;
+        for (const std::string& r : expected) want += r;
+        RawServer::Reader reader{peer};
+        std::string got = reader.read_frames(want.size());
+        EXPECT_TRUE(got == want);
+        ::close(peer);
+        ASSERT_TRUE(wait_until([&] { return pair.server_owner.destroyed.load() == 1; }));
+    }
+    delete down;
+}
