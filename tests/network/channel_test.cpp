@@ -422,3 +422,48 @@ TEST(QelcClientChannel, WireFormOfSentFrames) {
         delete requests;
     }
 }
+
+// Whatever bytes a peer sends, the channel ends with one of its reasons:
+// valid frames with random bytes changed, compressed or not, in clear or
+// enciphered, then the peer's orderly close.
+TEST(QelcClientChannel, SurvivesMangledStreams) {
+    Reactor reactor;
+    unsigned int seed = 12345;
+    auto next = [&] {
+        seed = seed * 1103515245u + 12345u;
+        return seed >> 8;
+    };
+    const std::vector<int> known = {-11, -12, -16, -17, -19, -22, -24};
+    for (int round = 0; round < 200; ++round) {
+        SCOPED_TRACE(round);
+        Link link(reactor.get());
+        Network::QelcFlow* flow3 = make_flow(3);
+        const unsigned char type = round % 3 == 0 ? 3 : 0;
+        link.owner.on_connect = [&] {
+            link.session->subscribe(flow3, nullptr, 0, false);
+            if (type) link.session->set_cipher(type, 77);
+        };
+        ASSERT_TRUE(link.open());
+        Network::ChannelCipher cipher;
+        cipher.set(type, 77);
+        std::string wire;
+        for (int i = 1; i <= 8; ++i) {
+            std::string f = data_frame(3, unsigned(i), int(next() % 600), i);
+            if (next() % 2) f = compress_frame(f);
+            wire += type ? encipher_frame(f, cipher) : f;
+        }
+        for (int flips = 1 + int(next() % 6); flips > 0; --flips)
+            wire[next() % wire.size()] = static_cast<char>(next());
+        for (size_t at = 0; at < wire.size();) {
+            size_t piece = 1 + next() % 700;
+            link.server.send(wire.substr(at, piece));
+            at += piece;
+        }
+        link.server.shutdown_write();
+        ASSERT_TRUE(wait_until([&] { return !link.owner.get_reasons().empty(); }));
+        int reason = link.owner.get_reasons()[0];
+        EXPECT_NE(std::find(known.begin(), known.end(), reason), known.end()) << reason;
+        run_on(reactor.get(), [] {});
+        delete flow3;
+    }
+}
