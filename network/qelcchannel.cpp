@@ -138,8 +138,10 @@ void QelcClientChannel::setup() {
 
 int QelcClientChannel::close(int reason) {
     if (is_valid()) {
-        write_log(TRACE_CLOSING, 0, nullptr);
+        // Out of the reactor first: from any thread, nothing else then
+        // reads, writes or traces on this channel.
         reactor->remove_fd(this);
+        write_log(TRACE_CLOSING, 0, nullptr);
         socket.close();
         last_reason = reason;
         if (session) session->on_disconnected(reason);

@@ -63,10 +63,12 @@ QelcClientSession::QelcClientSession(Parallel::FdReactor* r, ClientSession* pare
 QelcClientSession::~QelcClientSession() {
     // From here on timers and queued events find nothing to do.
     destroying.store(true, std::memory_order_release);
-    channel->close(REASON_CLOSED);
+    // Timers first: once removed, none of them runs, here or on the reactor
+    // thread, while the channel closes.
     reactor->remove_timer(heartbeat_timer);
     reactor->remove_timer(connect_timer);
     reactor->remove_timer(buffer_timer);
+    channel->close(REASON_CLOSED);
     drain_events(reactor, this);
     delete channel;
 }
