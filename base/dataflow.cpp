@@ -141,6 +141,7 @@ DataFlow::Iterator::Iterator(DataFlow* reading, Notify* wake, ReadCallback* call
       position(DETACHED),
       read_callback(callback),
       recycle_pos(cell),
+      seen_count(0),
       block(nullptr),
       block_first(0),
       block_data(nullptr),
@@ -172,6 +173,7 @@ void DataFlow::Iterator::unregister_notify() {
 
 void DataFlow::Iterator::detach() {
     unregister_notify();
+    seen_count = 0;
     flow = nullptr;
     position = DETACHED;
 }
@@ -182,6 +184,7 @@ void DataFlow::Iterator::attach(DataFlow* reading) {
     flow = reading;
     block = nullptr;
     position = DETACHED;
+    seen_count = 0;
     if (!flow) return;
     register_notify();
     seek(flow->get_start_id());
@@ -200,6 +203,7 @@ bool DataFlow::Iterator::hop() {
     item.length = 0;
     flow = successor;
     block = nullptr;
+    seen_count = 0;
     register_notify();
     seek(successor->get_start_id());
     if (read_callback)
@@ -209,12 +213,20 @@ bool DataFlow::Iterator::hop() {
 }
 
 const DataFlow::Item* DataFlow::Iterator::next() {
-    hop();
     DataFlow* f = flow;
-    if (!f) return nullptr;
-    // Acquire pairs with the writer's release of count: the record, its
-    // table entry and the block fields behind it are visible from here.
-    if (f->count.load(std::memory_order_acquire) <= position) return nullptr;
+    if (position >= seen_count) {
+        // Only at the last count seen do we look at the flow again: the
+        // writer changes count with every record, and a reader that is
+        // behind need not pull that line over for each one.
+        hop();
+        f = flow;
+        if (!f) return nullptr;
+        // Acquire pairs with the writer's release of count: the records
+        // below it, their table entries and the block fields behind them
+        // are visible from here.
+        seen_count = f->count.load(std::memory_order_acquire);
+        if (seen_count <= position) return nullptr;
+    }
     DataMem::Block* b = block;
     if (!b) return nullptr;
     // The record most likely starts here: fetch it while the table entry
@@ -257,6 +269,7 @@ const DataFlow::Item* DataFlow::Iterator::next() {
 bool DataFlow::Iterator::seek(unsigned long id) {
     DataFlow* f = flow;
     if (!f) return false;
+    seen_count = 0;
     unsigned long start = f->get_start_id();
     if (start > id) return false;
     // Acquire pairs with the writer's release of count: the records and

@@ -208,6 +208,7 @@ protected:
         return *reinterpret_cast<const uint32_t*>(block_end - 4 * (i + 1));
     }
 
+    unsigned long seen_count;  // count as last read: records below it are whole
     DataMem::Block* block;
     unsigned long block_first;  // the block's first record and data area,
     const char* block_data;     // read once per block

@@ -7,6 +7,7 @@
 // it, and waits until the reader has taken it before the next; the reader
 // takes the difference. Median and 99th percentile are in nanoseconds.
 #include <benchmark/benchmark.h>
+#include <pthread.h>
 #include <sched.h>
 #include <time.h>
 
@@ -27,6 +28,16 @@ namespace {
 
 const long BATCH = 1 << 20;
 const int LATENCY_SAMPLES = 50000;
+
+// Writer on CPU 0, reader on CPU 1 in every run, so that all peers cross
+// the same distance between cores.
+void pin(int cpu) {
+    if (std::thread::hardware_concurrency() < 2) return;
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(cpu, &set);
+    pthread_setaffinity_np(pthread_self(), sizeof(set), &set);
+}
 
 inline long now_ns() {
     timespec ts;
@@ -57,6 +68,7 @@ void BM_DataFlowThroughput(benchmark::State& state) {
     std::atomic<bool> stop{false};
     long checksum = 0;
     std::thread reader([&] {
+        pin(1);
         Base::DataFlow::Iterator it(&flow, nullptr, nullptr, nullptr);
         long seen = 0;
         while (!stop.load(std::memory_order_relaxed)) {
@@ -69,6 +81,7 @@ void BM_DataFlowThroughput(benchmark::State& state) {
     Payload<N> payload;
     std::memset(&payload, 7, sizeof(payload));
     long written = 0;
+    pin(0);
     for (auto _ : state) {
         target.store(written + BATCH);
         for (long i = 0; i < BATCH; i++) {
@@ -94,6 +107,7 @@ void BM_DataFlowLatency(benchmark::State& state) {
     std::vector<long> samples;
     samples.reserve(LATENCY_SAMPLES * 4);
     std::thread reader([&] {
+        pin(1);
         Base::DataFlow::Iterator it(&flow, nullptr, nullptr, nullptr);
         long seen = 0;
         while (!stop.load(std::memory_order_relaxed)) {
@@ -108,6 +122,7 @@ void BM_DataFlowLatency(benchmark::State& state) {
     Payload<N> payload;
     std::memset(&payload, 7, sizeof(payload));
     long sent = 0;
+    pin(0);
     for (auto _ : state) {
         for (int i = 0; i < LATENCY_SAMPLES; i++) {
             payload.stamp = now_ns();
@@ -139,6 +154,7 @@ void BM_SpscThroughput(benchmark::State& state) {
     std::atomic<bool> stop{false};
     long checksum = 0;
     std::thread reader([&] {
+        pin(1);
         Payload<N> out;
         long seen = 0;
         while (!stop.load(std::memory_order_relaxed)) {
@@ -150,6 +166,7 @@ void BM_SpscThroughput(benchmark::State& state) {
     Payload<N> payload;
     std::memset(&payload, 7, sizeof(payload));
     long written = 0;
+    pin(0);
     for (auto _ : state) {
         target.store(written + BATCH);
         for (long i = 0; i < BATCH; i++)
@@ -174,6 +191,7 @@ void BM_SpscLatency(benchmark::State& state) {
     std::vector<long> samples;
     samples.reserve(LATENCY_SAMPLES * 4);
     std::thread reader([&] {
+        pin(1);
         Payload<N> out;
         long seen = 0;
         while (!stop.load(std::memory_order_relaxed)) {
@@ -185,6 +203,7 @@ void BM_SpscLatency(benchmark::State& state) {
     Payload<N> payload;
     std::memset(&payload, 7, sizeof(payload));
     long sent = 0;
+    pin(0);
     for (auto _ : state) {
         for (int i = 0; i < LATENCY_SAMPLES; i++) {
             payload.stamp = now_ns();
