@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/flowfile.h"
 #include "base/list.h"
 
 namespace Base {
@@ -32,15 +33,7 @@ DataFlow::~DataFlow() {
 }
 
 char* DataFlow::get_file_name(const char* dir, const char* name, char* out) const {
-    int n = 0;
-    out[0] = 0;
-    if (dir) n = std::snprintf(out, 256, "%s%c", dir, '/');
-    if (n < 0 || n > 255) n = 255;
-    if (name)
-        std::snprintf(out + n, 256 - n, "%s.flow", name);
-    else
-        std::snprintf(out + n, 256 - n, "%08x.flow", subject);
-    return out;
+    return make_flow_file_name(dir, name, subject, out);
 }
 
 void DataFlow::copy_settings_to(DataFlow* fresh) const {

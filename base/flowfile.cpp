@@ -42,6 +42,15 @@ char* make_flow_file_name(const char* dir, const char* name, unsigned short subj
     return out;
 }
 
+void cut_and_close(FILE*& file, long length) {
+    std::fseek(file, 0, SEEK_SET);
+    if (ftruncate64(fileno(file), length) != 0) {
+        // The file stays as it is; a Saver appends behind the tail.
+    }
+    std::fclose(file);
+    file = nullptr;
+}
+
 void offsets_extend(Vector* offsets, unsigned long offset_step, unsigned long position) {
     if (!offset_step || !offsets || position == 0) return;
     unsigned int index = static_cast<unsigned int>((position - 1) / offset_step);
@@ -186,23 +195,12 @@ bool DataFlow::Loader::invoke() {
         }
     }
     // The end, or a torn tail: the file ends with the last whole record.
-    std::fseek(file, 0, SEEK_SET);
-    if (ftruncate64(fileno(file), start) != 0) {
-        // Nothing more can be done; the next Saver appends behind the tail.
-    }
-    std::fclose(file);
-    file = nullptr;
+    cut_and_close(file, start);
     return false;
 }
 
 void DataFlow::Loader::truncate() {
-    if (!file) return;
-    std::fseek(file, 0, SEEK_SET);
-    if (ftruncate64(fileno(file), std::ftell(file)) != 0) {
-        // Left as it is: the file stays whole.
-    }
-    std::fclose(file);
-    file = nullptr;
+    if (file) cut_and_close(file, 0);
 }
 
 // ---------------------------------------------------------------- FileReader

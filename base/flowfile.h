@@ -109,4 +109,9 @@ private:
 void offsets_extend(Vector* offsets, unsigned long offset_step, unsigned long position);
 void offsets_note(Vector* offsets, unsigned long offset_step, unsigned long id, long offset);
 
+// Cuts a loader's file to length and closes it (file becomes null): the end
+// of a load, where a torn tail is cut back to the last whole record, and the
+// loaders' truncate(), which empties the file with a length of 0.
+void cut_and_close(FILE*& file, long length);
+
 }  // namespace Base

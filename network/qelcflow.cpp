@@ -429,23 +429,12 @@ bool QelcFlow::Loader::invoke() {
         }
     }
     // The end, or a torn tail: cut the file back to its last whole record.
-    std::fseek(file, 0, SEEK_SET);
-    if (ftruncate64(fileno(file), start) != 0) {
-        // The tail stays; a Saver appends behind it.
-    }
-    std::fclose(file);
-    file = nullptr;
+    Base::cut_and_close(file, start);
     return false;
 }
 
 void QelcFlow::Loader::truncate() {
-    if (!file) return;
-    std::fseek(file, 0, SEEK_SET);
-    if (ftruncate64(fileno(file), std::ftell(file)) != 0) {
-        // Left whole.
-    }
-    std::fclose(file);
-    file = nullptr;
+    if (file) Base::cut_and_close(file, 0);
 }
 
 // ---------------------------------------------------------------- FileReader
