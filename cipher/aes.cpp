@@ -80,7 +80,7 @@ inline uint32_t inv_mix_column(uint32_t w) {
 
 }  // namespace
 
-Aes::Aes(const unsigned char* key, int key_size) : chain(), pad() {
+Aes::Aes(const unsigned char* key, int key_size) {
     int size = key_size <= 16 ? 16 : key_size <= 24 ? 24 : 32;
     unsigned char k[32] = {};
     if (key && key_size > 0)
@@ -161,36 +161,5 @@ void Aes::encode_func(void* self, unsigned char* dst, const unsigned char* src) 
     static_cast<Aes*>(self)->encode(dst, src);
 }
 
-bool Aes::encode_ecb(unsigned char* dst, int& length, const unsigned char* src, int src_length,
-                     bool padding) {
-    return BlockMode::encode_ecb<16>(*this, pad, dst, length, src, src_length, padding);
-}
-
-bool Aes::decode_ecb(unsigned char* dst, int& length, const unsigned char* src, int src_length,
-                     bool padding) {
-    return BlockMode::decode_ecb<16>(*this, dst, length, src, src_length, padding);
-}
-
-bool Aes::encode_cbc(unsigned char* dst, int& length, const unsigned char* src, int src_length,
-                     bool padding, const unsigned char* iv, int iv_size) {
-    return BlockMode::encode_cbc<16>(*this, chain, pad, dst, length, src, src_length, padding, iv,
-                                     iv_size);
-}
-
-bool Aes::decode_cbc(unsigned char* dst, int& length, const unsigned char* src, int src_length,
-                     bool padding, const unsigned char* iv, int iv_size) {
-    return BlockMode::decode_cbc<16>(*this, chain, pad, dst, length, src, src_length, padding, iv,
-                                     iv_size);
-}
-
-bool Aes::encode_ctr(unsigned char* dst, int& length, const unsigned char* src, int src_length,
-                     const unsigned char* iv, int iv_size) {
-    return BlockMode::process_ctr<16>(*this, chain, pad, dst, length, src, src_length, iv, iv_size);
-}
-
-bool Aes::decode_ctr(unsigned char* dst, int& length, const unsigned char* src, int src_length,
-                     const unsigned char* iv, int iv_size) {
-    return BlockMode::process_ctr<16>(*this, chain, pad, dst, length, src, src_length, iv, iv_size);
-}
 
 }  // namespace Cipher

@@ -20,9 +20,11 @@
 
 #include <cstdint>
 
+#include "cipher/blockmode.h"
+
 namespace Cipher {
 
-class Aes {
+class Aes : public BlockModes<Aes, 16> {
 public:
     static const int BLOCK_SIZE = 16;
 
@@ -32,18 +34,6 @@ public:
     void encode(unsigned char* dst, const unsigned char* src);
     void decode(unsigned char* dst, const unsigned char* src);
 
-    bool encode_ecb(unsigned char* dst, int& length, const unsigned char* src, int src_length,
-                    bool padding);
-    bool decode_ecb(unsigned char* dst, int& length, const unsigned char* src, int src_length,
-                    bool padding);
-    bool encode_cbc(unsigned char* dst, int& length, const unsigned char* src, int src_length,
-                    bool padding, const unsigned char* iv, int iv_size);
-    bool decode_cbc(unsigned char* dst, int& length, const unsigned char* src, int src_length,
-                    bool padding, const unsigned char* iv, int iv_size);
-    bool encode_ctr(unsigned char* dst, int& length, const unsigned char* src, int src_length,
-                    const unsigned char* iv, int iv_size);
-    bool decode_ctr(unsigned char* dst, int& length, const unsigned char* src, int src_length,
-                    const unsigned char* iv, int iv_size);
 
     // One block with an Aes passed as self: for use as a callback.
     static void encode_func(void* self, unsigned char* dst, const unsigned char* src);
@@ -55,8 +45,6 @@ private:
     int rounds;                   // 10, 12 or 14
     uint32_t encode_keys[60];     // round keys, 4 words per round
     uint32_t decode_keys[60];     // reversed, with InvMixColumns applied
-    unsigned char chain[16];      // working block: CBC chaining value, CTR counter
-    unsigned char pad[16];        // working block: padding, saved cipher block, key stream
 };
 
 }  // namespace Cipher

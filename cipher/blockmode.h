@@ -195,4 +195,49 @@ bool process_ctr(C& c, unsigned char* counter, unsigned char* stream, unsigned c
 }
 
 }  // namespace BlockMode
+
+// The mode operations of a block cipher class C of B bytes, with the two
+// working blocks they use; C derives from BlockModes<C, B> and provides
+// encode and decode of one block. decode_ctr is encode_ctr.
+template <class C, int B>
+class BlockModes {
+public:
+    bool encode_ecb(unsigned char* dst, int& length, const unsigned char* src, int src_length,
+                    bool padding) {
+        return BlockMode::encode_ecb<B>(self(), pad, dst, length, src, src_length, padding);
+    }
+    bool decode_ecb(unsigned char* dst, int& length, const unsigned char* src, int src_length,
+                    bool padding) {
+        return BlockMode::decode_ecb<B>(self(), dst, length, src, src_length, padding);
+    }
+    bool encode_cbc(unsigned char* dst, int& length, const unsigned char* src, int src_length,
+                    bool padding, const unsigned char* iv, int iv_size) {
+        return BlockMode::encode_cbc<B>(self(), chain, pad, dst, length, src, src_length, padding,
+                                        iv, iv_size);
+    }
+    bool decode_cbc(unsigned char* dst, int& length, const unsigned char* src, int src_length,
+                    bool padding, const unsigned char* iv, int iv_size) {
+        return BlockMode::decode_cbc<B>(self(), chain, pad, dst, length, src, src_length, padding,
+                                        iv, iv_size);
+    }
+    bool encode_ctr(unsigned char* dst, int& length, const unsigned char* src, int src_length,
+                    const unsigned char* iv, int iv_size) {
+        return BlockMode::process_ctr<B>(self(), chain, pad, dst, length, src, src_length, iv,
+                                         iv_size);
+    }
+    bool decode_ctr(unsigned char* dst, int& length, const unsigned char* src, int src_length,
+                    const unsigned char* iv, int iv_size) {
+        return encode_ctr(dst, length, src, src_length, iv, iv_size);
+    }
+
+protected:
+    BlockModes() : chain(), pad() {}
+
+private:
+    C& self() { return static_cast<C&>(*this); }
+
+    unsigned char chain[B];  // working block: CBC chaining value, CTR counter
+    unsigned char pad[B];    // working block: padding, saved cipher block, key stream
+};
+
 }  // namespace Cipher

@@ -144,7 +144,7 @@ const unsigned char PLACEHOLDER_KEY[8] = {0x01, 0x23, 0x45, 0x67, 0x89, 0xab, 0x
 
 }  // namespace
 
-Des::Des(const unsigned char* key) : chain(), pad() {
+Des::Des(const unsigned char* key) {
     uint64_t k = key ? load_be64(key) : 0;
     uint32_t c = 0, d = 0;  // the two 28-bit halves, in the low bits
     for (int i = 0; i < 28; ++i) {
@@ -189,37 +189,6 @@ void Des::decode(unsigned char* dst, const unsigned char* src) {
     store_be64(dst, process(load_be64(src), 'd'));
 }
 
-bool Des::encode_ecb(unsigned char* dst, int& length, const unsigned char* src, int src_length,
-                     bool padding) {
-    return BlockMode::encode_ecb<8>(*this, pad, dst, length, src, src_length, padding);
-}
-
-bool Des::decode_ecb(unsigned char* dst, int& length, const unsigned char* src, int src_length,
-                     bool padding) {
-    return BlockMode::decode_ecb<8>(*this, dst, length, src, src_length, padding);
-}
-
-bool Des::encode_cbc(unsigned char* dst, int& length, const unsigned char* src, int src_length,
-                     bool padding, const unsigned char* iv, int iv_size) {
-    return BlockMode::encode_cbc<8>(*this, chain, pad, dst, length, src, src_length, padding, iv,
-                                    iv_size);
-}
-
-bool Des::decode_cbc(unsigned char* dst, int& length, const unsigned char* src, int src_length,
-                     bool padding, const unsigned char* iv, int iv_size) {
-    return BlockMode::decode_cbc<8>(*this, chain, pad, dst, length, src, src_length, padding, iv,
-                                    iv_size);
-}
-
-bool Des::encode_ctr(unsigned char* dst, int& length, const unsigned char* src, int src_length,
-                     const unsigned char* iv, int iv_size) {
-    return BlockMode::process_ctr<8>(*this, chain, pad, dst, length, src, src_length, iv, iv_size);
-}
-
-bool Des::decode_ctr(unsigned char* dst, int& length, const unsigned char* src, int src_length,
-                     const unsigned char* iv, int iv_size) {
-    return BlockMode::process_ctr<8>(*this, chain, pad, dst, length, src, src_length, iv, iv_size);
-}
 
 // The base part's own key is never used: process is overridden.
 TripleDes::TripleDes(const unsigned char* k1, const unsigned char* k2, const unsigned char* k3)

@@ -23,9 +23,11 @@
 
 #include <cstdint>
 
+#include "cipher/blockmode.h"
+
 namespace Cipher {
 
-class Des {
+class Des : public BlockModes<Des, 8> {
 public:
     static const int BLOCK_SIZE = 8;
 
@@ -37,26 +39,12 @@ public:
     void encode(unsigned char* dst, const unsigned char* src);
     void decode(unsigned char* dst, const unsigned char* src);
 
-    bool encode_ecb(unsigned char* dst, int& length, const unsigned char* src, int src_length,
-                    bool padding);
-    bool decode_ecb(unsigned char* dst, int& length, const unsigned char* src, int src_length,
-                    bool padding);
-    bool encode_cbc(unsigned char* dst, int& length, const unsigned char* src, int src_length,
-                    bool padding, const unsigned char* iv, int iv_size);
-    bool decode_cbc(unsigned char* dst, int& length, const unsigned char* src, int src_length,
-                    bool padding, const unsigned char* iv, int iv_size);
-    bool encode_ctr(unsigned char* dst, int& length, const unsigned char* src, int src_length,
-                    const unsigned char* iv, int iv_size);
-    bool decode_ctr(unsigned char* dst, int& length, const unsigned char* src, int src_length,
-                    const unsigned char* iv, int iv_size);
 
 private:
     Des(const Des&) = delete;
     Des& operator=(const Des&) = delete;
 
     uint8_t subkeys[16][8];   // per round, the 48-bit key as eight 6-bit groups
-    unsigned char chain[8];   // working block: CBC chaining value, CTR counter
-    unsigned char pad[8];     // working block: padding, saved cipher block, key stream
 };
 
 class TripleDes : public Des {

@@ -95,7 +95,7 @@ inline void crypt(const uint32_t* rk, unsigned char* dst, const unsigned char* s
 
 }  // namespace
 
-Sm4::Sm4(const unsigned char* key) : chain(), pad() {
+Sm4::Sm4(const unsigned char* key) {
     uint32_t k[4];
     for (int i = 0; i < 4; ++i)
         k[i] = (key ? load_be32(key + 4 * i) : 0) ^ FK[i];
@@ -124,36 +124,5 @@ void Sm4::encode_func(void* self, unsigned char* dst, const unsigned char* src) 
     static_cast<Sm4*>(self)->encode(dst, src);
 }
 
-bool Sm4::encode_ecb(unsigned char* dst, int& length, const unsigned char* src, int src_length,
-                     bool padding) {
-    return BlockMode::encode_ecb<16>(*this, pad, dst, length, src, src_length, padding);
-}
-
-bool Sm4::decode_ecb(unsigned char* dst, int& length, const unsigned char* src, int src_length,
-                     bool padding) {
-    return BlockMode::decode_ecb<16>(*this, dst, length, src, src_length, padding);
-}
-
-bool Sm4::encode_cbc(unsigned char* dst, int& length, const unsigned char* src, int src_length,
-                     bool padding, const unsigned char* iv, int iv_size) {
-    return BlockMode::encode_cbc<16>(*this, chain, pad, dst, length, src, src_length, padding, iv,
-                                     iv_size);
-}
-
-bool Sm4::decode_cbc(unsigned char* dst, int& length, const unsigned char* src, int src_length,
-                     bool padding, const unsigned char* iv, int iv_size) {
-    return BlockMode::decode_cbc<16>(*this, chain, pad, dst, length, src, src_length, padding, iv,
-                                     iv_size);
-}
-
-bool Sm4::encode_ctr(unsigned char* dst, int& length, const unsigned char* src, int src_length,
-                     const unsigned char* iv, int iv_size) {
-    return BlockMode::process_ctr<16>(*this, chain, pad, dst, length, src, src_length, iv, iv_size);
-}
-
-bool Sm4::decode_ctr(unsigned char* dst, int& length, const unsigned char* src, int src_length,
-                     const unsigned char* iv, int iv_size) {
-    return BlockMode::process_ctr<16>(*this, chain, pad, dst, length, src, src_length, iv, iv_size);
-}
 
 }  // namespace Cipher

@@ -16,9 +16,11 @@
 
 #include <cstdint>
 
+#include "cipher/blockmode.h"
+
 namespace Cipher {
 
-class Sm4 {
+class Sm4 : public BlockModes<Sm4, 16> {
 public:
     static const int BLOCK_SIZE = 16;
 
@@ -28,18 +30,6 @@ public:
     void encode(unsigned char* dst, const unsigned char* src);
     void decode(unsigned char* dst, const unsigned char* src);
 
-    bool encode_ecb(unsigned char* dst, int& length, const unsigned char* src, int src_length,
-                    bool padding);
-    bool decode_ecb(unsigned char* dst, int& length, const unsigned char* src, int src_length,
-                    bool padding);
-    bool encode_cbc(unsigned char* dst, int& length, const unsigned char* src, int src_length,
-                    bool padding, const unsigned char* iv, int iv_size);
-    bool decode_cbc(unsigned char* dst, int& length, const unsigned char* src, int src_length,
-                    bool padding, const unsigned char* iv, int iv_size);
-    bool encode_ctr(unsigned char* dst, int& length, const unsigned char* src, int src_length,
-                    const unsigned char* iv, int iv_size);
-    bool decode_ctr(unsigned char* dst, int& length, const unsigned char* src, int src_length,
-                    const unsigned char* iv, int iv_size);
 
     // One block with an Sm4 passed as self: for use as a callback.
     static void encode_func(void* self, unsigned char* dst, const unsigned char* src);
@@ -49,8 +39,6 @@ private:
     Sm4& operator=(const Sm4&) = delete;
 
     uint32_t round_keys[32];
-    unsigned char chain[16];  // working block: CBC chaining value, CTR counter
-    unsigned char pad[16];    // working block: padding, saved cipher block, key stream
 };
 
 }  // namespace Cipher
