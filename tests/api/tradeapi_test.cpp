@@ -1,4 +1,5 @@
 #include "api/tradeapi.h"
+#include "parallel/fdreactor.h"
 
 #include <gtest/gtest.h>
 
@@ -6,13 +7,6 @@
 #include <string>
 
 namespace {
-
-// A stand-in reactor pointer: the configuration gate only tests whether one
-// is set, it never calls it.
-Parallel::FdReactor* fake_reactor() {
-    static char storage[64];
-    return reinterpret_cast<Parallel::FdReactor*>(storage);
-}
 
 std::string address(int index) { return "tcp://127.0.0.1:" + std::to_string(17000 + index); }
 
@@ -75,7 +69,8 @@ TEST(TradeApi, AddressesAreCutTo63Characters) {
 }
 
 TEST(TradeApi, ConfigurationIsRefusedAfterInit) {
-    Api::TradeApi api("./", fake_reactor());
+    Parallel::FdReactor reactor(nullptr);
+    Api::TradeApi api("./", &reactor);
     ASSERT_EQ(api.SubscribePrivateTopic(TE_RESUME_FROM_SAVED), 0);
     ASSERT_EQ(api.RegisterFront("tcp://127.0.0.1:17001"), 0);
     EXPECT_EQ(api.Release(), -9);
@@ -130,7 +125,8 @@ TEST(TradeApi, FactoryCopiesTheFlowPathAndJoinFreesAfterRelease) {
     EXPECT_FALSE(api->is_started());
     delete api;
 
-    auto* started = new Api::TradeApi("./", fake_reactor());
+    Parallel::FdReactor reactor(nullptr);
+    auto* started = new Api::TradeApi("./", &reactor);
     ASSERT_EQ(started->Init(), 0);
     ASSERT_EQ(started->Release(), 0);
     EXPECT_EQ(started->Join(), 0);  // frees the object; ASan reports a leak otherwise
