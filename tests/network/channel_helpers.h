@@ -31,34 +31,16 @@
 #include "network/qelcsession.h"
 #include "network/session.h"
 #include "parallel/fdreactor.h"
+#include "tests/parallel/reactor_helpers.h"
 
 namespace chtest {
 
-class Call : public Parallel::Handler {
-public:
-    std::function<void()> fn;
-    int on_event(int, void*) override {
-        fn();
-        return 0;
-    }
-};
+using test_reactor::Call;
+using test_reactor::wait_until;
 
 // Runs fn on the reactor thread and returns once it has run.
 inline void run_on(Parallel::FdReactor* reactor, std::function<void()> fn) {
-    Call call;
-    call.fn = std::move(fn);
-    Base::Sign done(0);
-    reactor->add_event(1001, nullptr, &done, &call, false);
-    done.join();
-}
-
-// Polls pred every millisecond for at most 15 s.
-inline bool wait_until(const std::function<bool()>& pred, int limit_ms = 15000) {
-    for (int i = 0; i < limit_ms; i++) {
-        if (pred()) return true;
-        Base::Measure::sleep(1);
-    }
-    return pred();
+    test_reactor::run_on(*reactor, std::move(fn));
 }
 
 class Reactor {

@@ -32,9 +32,9 @@ inline void run_on(Parallel::EventThread& reactor, std::function<void()> fn) {
     done.join();
 }
 
-// Polls pred every millisecond for at most 20 s; true once it holds.
-inline bool wait_until(const std::function<bool()>& pred) {
-    for (int i = 0; i < 20000; i++) {
+// Polls pred every millisecond for at most limit_ms; true once it holds.
+inline bool wait_until(const std::function<bool()>& pred, int limit_ms = 20000) {
+    for (int i = 0; i < limit_ms; i++) {
         if (pred()) return true;
         Base::Measure::sleep(1);
     }
