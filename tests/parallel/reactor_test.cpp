@@ -371,8 +371,12 @@ TEST(Reactor, HandlersArePolledUntilDisabledOrRemoved) {
     delete quitter;
     reactor->remove_handler(&b);
 
-    // A handler left in the list belongs to the reactor and is deleted with it.
-    reactor->add_handler(new Poller());
+    // A handler left in the list belongs to the reactor and is deleted with
+    // it. Adding is posted to the reactor thread: wait until it is polled so
+    // the reactor does not stop before the handler joins its list.
+    auto* left = new Poller();
+    reactor->add_handler(left);
+    ASSERT_TRUE(wait_until([&] { return left->invoked.load() > 0; }));
 }
 
 TEST(Reactor, EnhancedModeParksQuietNotifiedHandlersAndNotifyBringsThemBack) {
