@@ -4,6 +4,7 @@ set -eu
 need=()
 command -v cmake >/dev/null || need+=(cmake)
 command -v g++ >/dev/null || need+=(g++)
+[ -x /usr/bin/python3 ] || need+=(python3)   # the catalogue generator and its freshness check
 [ -f /usr/include/gtest/gtest.h ] || need+=(libgtest-dev)
 [ -f /usr/include/benchmark/benchmark.h ] || need+=(libbenchmark-dev)
 [ -f /usr/include/openssl/evp.h ] || need+=(libssl-dev)
