@@ -56,12 +56,19 @@ inline TaggedPair pair_unpack(unsigned __int128 word) {
     return TaggedPair{uint64_t(word), (TaggedNode*)(uintptr_t)(word >> 64)};
 }
 
+// A pair no slot ever holds: the node pointer 1 is misaligned.
+constexpr unsigned __int128 PAIR_NEVER = (unsigned __int128)1 << 64 | ~uint64_t(0);
+
 // Pair read: an atomic 16-byte load. x86-64 has no such load, so it is a
-// compare-and-swap of 0 with 0, which returns the current pair and leaves it
-// unchanged (it also acts as a full barrier, more than the read needs).
+// compare-and-swap against a pair that never matches, which returns the
+// current pair and leaves it unchanged (it also acts as a full barrier, more
+// than the read needs). Comparing with (0, 0) instead would let a match store
+// (0, 0) again; where the 16-byte swap is emulated (ThreadSanitizer does it
+// under a lock, apart from plain 8-byte stores) that store could overwrite a
+// concurrent link_store of a node just taken from a pool, and cut the chain.
 inline TaggedPair pair_read(const void* slot) {
     unsigned __int128* word = (unsigned __int128*)const_cast<void*>(slot);
-    TaggedPair pair = pair_unpack(__sync_val_compare_and_swap(word, 0, 0));
+    TaggedPair pair = pair_unpack(__sync_val_compare_and_swap(word, PAIR_NEVER, PAIR_NEVER));
     // Tell the race detector that this read sees what tsan_release published.
     tsan_acquire(slot);
     return pair;
