@@ -14,8 +14,8 @@
 #include <cstdio>
 
 #include "api/QelcTraderApi.h"
-#include "base/mutex.h"
-#include "base/sign.h"
+#include "sync/mutex.h"
+#include "sync/sign.h"
 
 namespace Parallel {
 class FdReactor;

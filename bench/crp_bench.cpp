@@ -1,7 +1,8 @@
 // Zero compression throughput on the frames a channel really sends: one
 // order insert, and a full 4 KiB frame of mixed records. Each figure is in
 // bytes of plain packet per second, beside memcpy of the same bytes.
-#include "base/qelfield.h"
+#include "base/byteorder.h"
+#include "record/gen/qelfield.h"
 #include "network/crppacket.h"
 #include "network/qelcpacket.h"
 #include "network/xmppacket.h"
@@ -18,12 +19,6 @@ using Network::QelcPacket;
 namespace {
 
 const int CAPACITY = 2 * Network::XmpPacket::MAX_PACKAGE_SIZE - 6;
-
-void put_be64(char* at, const void* value)
-{
-    const unsigned char* v = static_cast<const unsigned char*>(value);
-    for (int i = 0; i < 8; ++i) at[i] = static_cast<char>(v[7 - i]);
-}
 
 // The part of a frame that the channel compresses: Qelc header and body.
 struct Sample {
@@ -89,7 +84,7 @@ Sample make_sample(bool full)
                 for (int k = 0; k < text; ++k) v[at + k] = static_cast<char>('0' + rng() % 43);
                 if (rng() % 3 == 0) {
                     double d = (rng() % 1000000) / 100.0;
-                    put_be64(v + at + 8, &d);
+                    Base::put_be64(v + at + 8, Base::load_host<uint64_t>(&d));
                 }
             }
             if (packet.get_header().BodyLength == QelcPacket::MAX_BODY_SIZE) break;

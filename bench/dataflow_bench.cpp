@@ -17,7 +17,7 @@
 #include <thread>
 #include <vector>
 
-#include "base/dataflow.h"
+#include "flow/dataflow.h"
 
 #if __has_include(<boost/lockfree/spsc_queue.hpp>)
 #include <boost/lockfree/spsc_queue.hpp>

@@ -5,8 +5,8 @@
 #include <cstring>
 #include <vector>
 
-#include "base/fieldcoder.h"
-#include "base/qelfield.h"
+#include "record/fieldcoder.h"
+#include "record/gen/qelfield.h"
 
 namespace {
 

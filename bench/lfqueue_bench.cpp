@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <thread>
 
-#include "base/lfqueue.h"
+#include "sync/lfqueue.h"
 
 namespace {
 

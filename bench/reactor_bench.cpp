@@ -21,7 +21,7 @@
 #include <thread>
 #include <vector>
 
-#include "base/sign.h"
+#include "sync/sign.h"
 #include "parallel/fdreactor.h"
 
 namespace {

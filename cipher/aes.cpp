@@ -1,7 +1,7 @@
 #include "cipher/aes.h"
 
 #include "cipher/blockmode.h"
-#include "cipher/byteorder.h"
+#include "base/byteorder.h"
 
 namespace Cipher {
 
@@ -89,12 +89,12 @@ Aes::Aes(const unsigned char* key, int key_size) {
     rounds = nk + 6;
     int words = 4 * (rounds + 1);
     for (int i = 0; i < nk; ++i)
-        encode_keys[i] = load_be32(k + 4 * i);
+        encode_keys[i] = Base::get_be32(k + 4 * i);
     uint32_t rcon = 0x01;
     for (int i = nk; i < words; ++i) {
         uint32_t t = encode_keys[i - 1];
         if (i % nk == 0) {
-            t = sub_word(rotl32(t, 8)) ^ (rcon << 24);
+            t = sub_word(Base::rotl32(t, 8)) ^ (rcon << 24);
             rcon = AesTables::xtime(uint8_t(rcon));
         } else if (nk > 6 && i % nk == 4) {
             t = sub_word(t);
@@ -124,7 +124,7 @@ void aes_rounds(unsigned char* dst, const unsigned char* src, const uint32_t* rk
                 const uint32_t (&t)[4][256], const uint8_t* sbox) {
     uint32_t s[4];
 #pragma GCC unroll 4
-    for (int i = 0; i < 4; ++i) s[i] = load_be32(src + 4 * i) ^ rk[i];
+    for (int i = 0; i < 4; ++i) s[i] = Base::get_be32(src + 4 * i) ^ rk[i];
     for (int r = 1; r < rounds; ++r) {
         rk += 4;
         uint32_t n[4];
@@ -143,7 +143,7 @@ void aes_rounds(unsigned char* dst, const unsigned char* src, const uint32_t* rk
                      uint32_t(sbox[(s[(i + Step) & 3] >> 16) & 0xff]) << 16 |
                      uint32_t(sbox[(s[(i + 2 * Step) & 3] >> 8) & 0xff]) << 8 |
                      sbox[s[(i + 3 * Step) & 3] & 0xff];
-        store_be32(dst + 4 * i, w ^ rk[i]);
+        Base::put_be32(dst + 4 * i, w ^ rk[i]);
     }
 }
 

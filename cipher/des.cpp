@@ -1,7 +1,7 @@
 #include "cipher/des.h"
 
 #include "cipher/blockmode.h"
-#include "cipher/byteorder.h"
+#include "base/byteorder.h"
 
 namespace Cipher {
 
@@ -134,7 +134,7 @@ inline uint64_t permute(const uint64_t (*table)[256], uint64_t x) {
 inline uint32_t feistel(uint32_t r, const uint8_t* k) {
     uint32_t f = 0;
     for (int i = 0; i < 8; ++i) {
-        uint32_t group = rotl32(r, (4 * i + 5) & 31) & 0x3f;
+        uint32_t group = Base::rotl32(r, (4 * i + 5) & 31) & 0x3f;
         f |= g_des.sp[i][group ^ k[i]];
     }
     return f;
@@ -145,7 +145,7 @@ const unsigned char PLACEHOLDER_KEY[8] = {0x01, 0x23, 0x45, 0x67, 0x89, 0xab, 0x
 }  // namespace
 
 Des::Des(const unsigned char* key) {
-    uint64_t k = key ? load_be64(key) : 0;
+    uint64_t k = key ? Base::get_be64(key) : 0;
     uint32_t c = 0, d = 0;  // the two 28-bit halves, in the low bits
     for (int i = 0; i < 28; ++i) {
         c |= uint32_t((k >> (64 - PC1[i])) & 1) << (27 - i);
@@ -182,11 +182,11 @@ unsigned long Des::process(unsigned long block, char mode) {
 }
 
 void Des::encode(unsigned char* dst, const unsigned char* src) {
-    store_be64(dst, process(load_be64(src), 'e'));
+    Base::put_be64(dst, process(Base::get_be64(src), 'e'));
 }
 
 void Des::decode(unsigned char* dst, const unsigned char* src) {
-    store_be64(dst, process(load_be64(src), 'd'));
+    Base::put_be64(dst, process(Base::get_be64(src), 'd'));
 }
 
 

@@ -5,7 +5,7 @@
 // Internal to the hash modules.
 #pragma once
 
-#include "cipher/byteorder.h"
+#include "base/byteorder.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -59,9 +59,9 @@ inline void hash_finish(CompressFunc compress, uint32_t* state, uint64_t count,
     memset(buffer + used, 0, HASH_BLOCK_SIZE - 8 - used);
     uint64_t bits = count << 3;
     if (big_endian_length)
-        store_be64(buffer + HASH_BLOCK_SIZE - 8, bits);
+        Base::put_be64(buffer + HASH_BLOCK_SIZE - 8, bits);
     else
-        store_le64(buffer + HASH_BLOCK_SIZE - 8, bits);
+        Base::put_le64(buffer + HASH_BLOCK_SIZE - 8, bits);
     compress(state, buffer, 1);
 }
 
@@ -70,14 +70,14 @@ inline void hash_finish(CompressFunc compress, uint32_t* state, uint64_t count,
 inline void hash_store_be(uint32_t* state, int words) {
     unsigned char out[32];
     for (int i = 0; i < words; ++i)
-        store_be32(out + 4 * i, state[i]);
+        Base::put_be32(out + 4 * i, state[i]);
     memcpy(state, out, size_t(words) * 4);
 }
 
 inline void hash_store_le(uint32_t* state, int words) {
     unsigned char out[32];
     for (int i = 0; i < words; ++i)
-        store_le32(out + 4 * i, state[i]);
+        Base::put_le32(out + 4 * i, state[i]);
     memcpy(state, out, size_t(words) * 4);
 }
 

@@ -25,7 +25,7 @@ const uint32_t K[64] = {
 
 #define MD5_STEP(f, a, b, c, d, x, k, s) \
     a += f(b, c, d) + (x) + (k);         \
-    a = rotl32(a, s) + b;
+    a = Base::rotl32(a, s) + b;
 
 #define MD5_F(x, y, z) ((z) ^ ((x) & ((y) ^ (z))))
 #define MD5_G(x, y, z) ((y) ^ ((z) & ((x) ^ (y))))
@@ -36,7 +36,7 @@ void compress(uint32_t* state, const unsigned char* p, size_t count) {
     for (; count; --count, p += 64) {
         uint32_t x[16];
         for (int i = 0; i < 16; ++i)
-            x[i] = load_le32(p + 4 * i);
+            x[i] = Base::get_le32(p + 4 * i);
         uint32_t a = state[0], b = state[1], c = state[2], d = state[3];
         for (int i = 0; i < 16; i += 4) {
             MD5_STEP(MD5_F, a, b, c, d, x[i], K[i], 7)

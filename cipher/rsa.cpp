@@ -6,7 +6,7 @@
 
 #include "base/measure.h"
 #include "base/random.h"
-#include "cipher/byteorder.h"
+#include "base/byteorder.h"
 #include "cipher/mpint.h"
 #include "cipher/sha1.h"
 
@@ -22,7 +22,7 @@ void Mgf1::calc_sha1(const char* seed, int seed_length, char* mask, int mask_len
     for (uint32_t i = 0; mask_length > 0; i++) {
         Sha1 hash;
         std::memcpy(static_cast<void*>(&hash), &base, sizeof(Sha1));  // a flat value
-        store_be32(counter, i);
+        Base::put_be32(counter, i);
         hash.update(counter, 4);
         hash.final();
         int take = mask_length < SHA1_SIZE ? mask_length : SHA1_SIZE;

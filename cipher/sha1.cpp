@@ -14,8 +14,8 @@ namespace {
 // One step: e takes the round's sum and b turns by 30; the callers rotate
 // the roles of a to e instead of moving values.
 #define SHA1_STEP(f, k, a, b, c, d, e, w)                  \
-    e += rotl32(a, 5) + (f) + (k) + (w);                   \
-    b = rotl32(b, 30);
+    e += Base::rotl32(a, 5) + (f) + (k) + (w);                   \
+    b = Base::rotl32(b, 30);
 
 #define SHA1_F1(b, c, d) (d ^ (b & (c ^ d)))
 #define SHA1_F2(b, c, d) (b ^ c ^ d)
@@ -23,7 +23,7 @@ namespace {
 
 // The message schedule in a ring of 16 words.
 #define SHA1_W(i) \
-    (w[(i) & 15] = rotl32(w[((i) + 13) & 15] ^ w[((i) + 8) & 15] ^ w[((i) + 2) & 15] ^ w[(i) & 15], 1))
+    (w[(i) & 15] = Base::rotl32(w[((i) + 13) & 15] ^ w[((i) + 8) & 15] ^ w[((i) + 2) & 15] ^ w[(i) & 15], 1))
 
 #define SHA1_FIVE(f, k, i, wexpr)                                \
     SHA1_STEP(f(b, c, d), k, a, b, c, d, e, wexpr(i))            \
@@ -38,7 +38,7 @@ void compress(uint32_t* state, const unsigned char* p, size_t count) {
     for (; count; --count, p += 64) {
         uint32_t w[16];
         for (int i = 0; i < 16; ++i)
-            w[i] = load_be32(p + 4 * i);
+            w[i] = Base::get_be32(p + 4 * i);
         uint32_t a = state[0], b = state[1], c = state[2], d = state[3], e = state[4];
         SHA1_FIVE(SHA1_F1, 0x5a827999u, 0, SHA1_W_LOAD)
         SHA1_FIVE(SHA1_F1, 0x5a827999u, 5, SHA1_W_LOAD)

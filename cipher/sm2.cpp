@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "base/measure.h"
-#include "cipher/byteorder.h"
+#include "base/byteorder.h"
 #include "cipher/ecc.h"
 #include "cipher/mpint.h"
 #include "cipher/sm3.h"
@@ -28,7 +28,7 @@ void kdf(char* out, int out_length, const char* z, int z_length, char* scratch)
         std::memmove(scratch, z, z_length);
     unsigned char* counter = reinterpret_cast<unsigned char*>(scratch) + z_length;
     for (uint32_t ct = 1; out_length > 0; ct++) {
-        store_be32(counter, ct);
+        Base::put_be32(counter, ct);
         Sm3 hash;
         hash.update(scratch, z_length + 4);
         hash.final();

@@ -11,8 +11,8 @@ static_assert(std::is_standard_layout<Sm3>::value && std::is_trivially_copyable<
 
 namespace {
 
-inline uint32_t p0(uint32_t x) { return x ^ rotl32(x, 9) ^ rotl32(x, 17); }
-inline uint32_t p1(uint32_t x) { return x ^ rotl32(x, 15) ^ rotl32(x, 23); }
+inline uint32_t p0(uint32_t x) { return x ^ Base::rotl32(x, 9) ^ Base::rotl32(x, 17); }
+inline uint32_t p1(uint32_t x) { return x ^ Base::rotl32(x, 15) ^ Base::rotl32(x, 23); }
 
 // T(j) rotated left by j mod 32, ready for SS1.
 struct RoundConstants {
@@ -33,13 +33,13 @@ constexpr RoundConstants g_round;
 // the new A and E).
 #define SM3_ROUND(ff, gg, j, a, b, c, d, e, f, g, h)              \
     {                                                             \
-        uint32_t a12 = rotl32(a, 12);                             \
-        uint32_t ss1 = rotl32(a12 + e + g_round.t[j], 7);         \
+        uint32_t a12 = Base::rotl32(a, 12);                             \
+        uint32_t ss1 = Base::rotl32(a12 + e + g_round.t[j], 7);         \
         uint32_t ss2 = ss1 ^ a12;                                 \
         d += ff(a, b, c) + ss2 + (w[j] ^ w[(j) + 4]);             \
         h += gg(e, f, g) + ss1 + w[j];                            \
-        b = rotl32(b, 9);                                         \
-        f = rotl32(f, 19);                                        \
+        b = Base::rotl32(b, 9);                                         \
+        f = Base::rotl32(f, 19);                                        \
         h = p0(h);                                                \
     }
 
@@ -57,9 +57,9 @@ void compress(uint32_t* state, const unsigned char* p, size_t count) {
     for (; count; --count, p += 64) {
         uint32_t w[68];
         for (int i = 0; i < 16; ++i)
-            w[i] = load_be32(p + 4 * i);
+            w[i] = Base::get_be32(p + 4 * i);
         for (int i = 16; i < 68; ++i)
-            w[i] = p1(w[i - 16] ^ w[i - 9] ^ rotl32(w[i - 3], 15)) ^ rotl32(w[i - 13], 7) ^ w[i - 6];
+            w[i] = p1(w[i - 16] ^ w[i - 9] ^ Base::rotl32(w[i - 3], 15)) ^ Base::rotl32(w[i - 13], 7) ^ w[i - 6];
         uint32_t a = state[0], b = state[1], c = state[2], d = state[3];
         uint32_t e = state[4], f = state[5], g = state[6], h = state[7];
 #pragma GCC unroll 4

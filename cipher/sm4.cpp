@@ -1,7 +1,7 @@
 #include "cipher/sm4.h"
 
 #include "cipher/blockmode.h"
-#include "cipher/byteorder.h"
+#include "base/byteorder.h"
 
 namespace Cipher {
 
@@ -74,23 +74,23 @@ inline uint32_t round_t(uint32_t x) {
 inline uint32_t key_t(uint32_t x) {
     uint32_t b = uint32_t(SBOX[x >> 24]) << 24 | uint32_t(SBOX[(x >> 16) & 0xff]) << 16 |
                  uint32_t(SBOX[(x >> 8) & 0xff]) << 8 | SBOX[x & 0xff];
-    return b ^ rotl32(b, 13) ^ rotl32(b, 23);
+    return b ^ Base::rotl32(b, 13) ^ Base::rotl32(b, 23);
 }
 
 template <bool REVERSE>
 inline void crypt(const uint32_t* rk, unsigned char* dst, const unsigned char* src) {
-    uint32_t x0 = load_be32(src), x1 = load_be32(src + 4);
-    uint32_t x2 = load_be32(src + 8), x3 = load_be32(src + 12);
+    uint32_t x0 = Base::get_be32(src), x1 = Base::get_be32(src + 4);
+    uint32_t x2 = Base::get_be32(src + 8), x3 = Base::get_be32(src + 12);
     for (int i = 0; i < 32; i += 4) {
         x0 ^= round_t(x1 ^ x2 ^ x3 ^ rk[REVERSE ? 31 - i : i]);
         x1 ^= round_t(x2 ^ x3 ^ x0 ^ rk[REVERSE ? 30 - i : i + 1]);
         x2 ^= round_t(x3 ^ x0 ^ x1 ^ rk[REVERSE ? 29 - i : i + 2]);
         x3 ^= round_t(x0 ^ x1 ^ x2 ^ rk[REVERSE ? 28 - i : i + 3]);
     }
-    store_be32(dst, x3);
-    store_be32(dst + 4, x2);
-    store_be32(dst + 8, x1);
-    store_be32(dst + 12, x0);
+    Base::put_be32(dst, x3);
+    Base::put_be32(dst + 4, x2);
+    Base::put_be32(dst + 8, x1);
+    Base::put_be32(dst + 12, x0);
 }
 
 }  // namespace
@@ -98,7 +98,7 @@ inline void crypt(const uint32_t* rk, unsigned char* dst, const unsigned char* s
 Sm4::Sm4(const unsigned char* key) {
     uint32_t k[4];
     for (int i = 0; i < 4; ++i)
-        k[i] = (key ? load_be32(key + 4 * i) : 0) ^ FK[i];
+        k[i] = (key ? Base::get_be32(key + 4 * i) : 0) ^ FK[i];
     for (int i = 0; i < 32; ++i) {
         uint32_t next = k[0] ^ key_t(k[1] ^ k[2] ^ k[3] ^ g_sm4.ck[i]);
         round_keys[i] = next;

@@ -4,8 +4,8 @@
 
 #include <cstring>
 
-#include "base/dataflow.h"
-#include "network/byteorder.h"
+#include "flow/dataflow.h"
+#include "base/byteorder.h"
 
 namespace Network {
 
@@ -22,11 +22,11 @@ void Channel::write_log(unsigned short kind, unsigned short size, const void* da
     char* record = log->alloc_object(total);
     timeval tv;
     gettimeofday(&tv, nullptr);
-    put_be32(record, static_cast<uint32_t>(id));
-    put_be32(record + 4, static_cast<uint32_t>(tv.tv_sec));
-    put_be16(record + 8, kind);
-    put_be16(record + 10, size);
-    put_be32(record + 12, static_cast<uint32_t>(tv.tv_usec));
+    Base::put_be32(record, static_cast<uint32_t>(id));
+    Base::put_be32(record + 4, static_cast<uint32_t>(tv.tv_sec));
+    Base::put_be16(record + 8, kind);
+    Base::put_be16(record + 10, size);
+    Base::put_be32(record + 12, static_cast<uint32_t>(tv.tv_usec));
     if (size) memcpy(record + TRACE_HEADER_SIZE, data, size);
     log->commit_object(total, true);
 }

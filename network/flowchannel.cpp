@@ -2,8 +2,8 @@
 
 #include <cstring>
 
-#include "base/datareader.h"
-#include "base/list.h"
+#include "flow/datareader.h"
+#include "containers/list.h"
 #include "base/reportable.h"
 
 namespace Network {

@@ -10,7 +10,7 @@
 // whether its sequence numbers are checked.
 #pragma once
 
-#include "base/dataflow.h"
+#include "flow/dataflow.h"
 #include "network/channel.h"
 
 namespace Base {

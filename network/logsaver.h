@@ -10,7 +10,7 @@
 
 #include <cstdio>
 
-#include "base/dataflow.h"
+#include "flow/dataflow.h"
 
 namespace Network {
 

@@ -7,11 +7,11 @@
 #include <cstring>
 #include <sys/socket.h>
 
-#include "base/datareader.h"
-#include "base/list.h"
-#include "base/map.h"
+#include "flow/datareader.h"
+#include "containers/list.h"
+#include "containers/map.h"
 #include "base/reportable.h"
-#include "network/byteorder.h"
+#include "base/byteorder.h"
 #include "network/crppacket.h"
 #include "network/qelcflow.h"
 #include "network/session.h"
@@ -304,14 +304,14 @@ int QelcClientChannel::read() {
 int QelcClientChannel::take_frames(unsigned long now, bool& stored) {
     while (recv_count > 5) {
         unsigned char* f = reinterpret_cast<unsigned char*>(read_ptr);
-        unsigned short length = get_be16(f + 2);
+        unsigned short length = Base::get_be16(f + 2);
         if (length == 0) {
             // Control frame: one item, never enciphered or compressed.
             if (f[0] != 0 || f[1] >= 128 || f[1] == 1) return fail(REASON_READ_FAILED, stored, now);
             int size = f[1] + 4;
             if (size > recv_count) return 1;
             if (f[1] == 6 && f[4] == XmpPacket::TAG_HEARTBEAT_INTERVAL && f[5] == 4) {
-                unsigned int w = get_be32(f + 6);
+                unsigned int w = Base::get_be32(f + 6);
                 heartbeat_timeout = w == 0 ? 4 : (w < 60 ? w : 60) * 3 + 1;
             }
             read_ptr += size;
@@ -348,7 +348,7 @@ int QelcClientChannel::store_frame(char* frame, unsigned short size, unsigned lo
     if (method == CrpPacket::METHOD_PLAIN) {
         // The Qelc header must be there before its BodyLength is believed.
         if (length < 2 + QELC_HEADER ||
-            get_be16(frame + PREFIX + BODY_LENGTH_AT) + 2 + QELC_HEADER != length)
+            Base::get_be16(frame + PREFIX + BODY_LENGTH_AT) + 2 + QELC_HEADER != length)
             return fail(REASON_LENGTH, stored, now);
     } else {
         int decoded = MAX_FRAME_SIZE;
@@ -356,11 +356,11 @@ int QelcClientChannel::store_frame(char* frame, unsigned short size, unsigned lo
                                    decoded, reinterpret_cast<unsigned char*>(frame) + PREFIX,
                                    size - PREFIX) != 0 ||
             decoded < QELC_HEADER ||
-            decoded != get_be16(inflate_buffer + PREFIX + BODY_LENGTH_AT) + QELC_HEADER)
+            decoded != Base::get_be16(inflate_buffer + PREFIX + BODY_LENGTH_AT) + QELC_HEADER)
             return fail(REASON_LENGTH, stored, now);
         inflate_buffer[0] = XmpPacket::TYPE_DATA;
         inflate_buffer[1] = 0;
-        put_be16(inflate_buffer + 2, static_cast<uint16_t>(decoded + 2));
+        Base::put_be16(inflate_buffer + 2, static_cast<uint16_t>(decoded + 2));
         inflate_buffer[4] = CrpPacket::VERSION;
         inflate_buffer[5] = CrpPacket::METHOD_PLAIN;
         size = static_cast<unsigned short>(decoded + PREFIX);
@@ -368,8 +368,8 @@ int QelcClientChannel::store_frame(char* frame, unsigned short size, unsigned lo
     }
 
     const char* header = frame + PREFIX;
-    unsigned short subject = get_be16(header + SUBJECT_AT);
-    unsigned long sequence = get_be32(header + SEQUENCE_LOW_AT) |
+    unsigned short subject = Base::get_be16(header + SUBJECT_AT);
+    unsigned long sequence = Base::get_be32(header + SEQUENCE_LOW_AT) |
                              static_cast<unsigned long>(static_cast<unsigned char>(header[SEQUENCE_HIGH_AT])) << 32;
     SubItem* item;
     bool check = subject != 1;
@@ -426,7 +426,7 @@ int QelcClientChannel::compress_block(const char* block, int size, char* out, in
     while (at < size) {
         const unsigned char* f = reinterpret_cast<const unsigned char*>(block + at);
         if (size - at < 4) return close(REASON_LENGTH);
-        int length = get_be16(f + 2);
+        int length = Base::get_be16(f + 2);
         if (length < 3 || at + length + 4 > size) return close(REASON_LENGTH);
         // Keep the coded form only if strictly shorter: the capacity says so,
         // and it also keeps the output within the plain block's size.
@@ -435,7 +435,7 @@ int QelcClientChannel::compress_block(const char* block, int size, char* out, in
         if (coded > 0 && CrpPacket::encode_zero(dst + PREFIX, coded, f + PREFIX, length - 2) == 0) {
             dst[0] = XmpPacket::TYPE_DATA;
             dst[1] = 0;
-            put_be16(dst + 2, static_cast<uint16_t>(coded + 2));
+            Base::put_be16(dst + 2, static_cast<uint16_t>(coded + 2));
             dst[4] = CrpPacket::VERSION;
             dst[5] = CrpPacket::METHOD_ZERO;
             pos += coded + PREFIX;
@@ -454,7 +454,7 @@ int QelcClientChannel::encipher_block(const char* block, int size) {
     while (at < size) {
         const unsigned char* f = reinterpret_cast<const unsigned char*>(block + at);
         if (size - at < 4) return close(REASON_ENCODE);
-        int length = get_be16(f + 2);
+        int length = Base::get_be16(f + 2);
         if (length < 3 || at + length + 4 > size) return close(REASON_ENCODE);
         unsigned char* dst = reinterpret_cast<unsigned char*>(write_buffer + at);
         memcpy(dst, f, 4);

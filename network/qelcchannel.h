@@ -25,7 +25,7 @@
 
 #include <atomic>
 
-#include "base/tcpsocket.h"
+#include "network/tcpsocket.h"
 #include "network/flowchannel.h"
 
 namespace Base {

@@ -6,9 +6,9 @@
 #include <cstring>
 
 #include "base/datetime.h"
-#include "network/byteorder.h"
+#include "base/byteorder.h"
 #include "network/crppacket.h"
-#include "base/vector.h"
+#include "containers/vector.h"
 #include "parallel/flowrecycler.h"
 
 namespace Network {
@@ -18,7 +18,7 @@ static const unsigned short ROOM = XmpPacket::MAX_PACKAGE_SIZE;  // 4100 bytes p
 static void write_prefix(char* frame, unsigned short length) {
     frame[0] = static_cast<char>(XmpPacket::TYPE_DATA);
     frame[1] = 0;
-    put_be16(frame + 2, length);
+    Base::put_be16(frame + 2, length);
     frame[4] = static_cast<char>(CrpPacket::VERSION);
     frame[5] = 0;
 }
@@ -40,8 +40,8 @@ Base::DataFlow* QelcFlow::clone() const {
 }
 
 void QelcFlow::stamp(char* frame, unsigned short flow_subject, unsigned long sequence) {
-    put_be16(frame + SUBJECT_OFFSET, flow_subject);
-    put_be32(frame + SEQUENCE_LOW_OFFSET, static_cast<uint32_t>(sequence));
+    Base::put_be16(frame + SUBJECT_OFFSET, flow_subject);
+    Base::put_be32(frame + SEQUENCE_LOW_OFFSET, static_cast<uint32_t>(sequence));
     frame[SEQUENCE_HIGH_OFFSET] = static_cast<char>(sequence >> 32);
 }
 
@@ -86,7 +86,7 @@ QelcPacket* QelcFlow::Writer::alloc_packet(unsigned short packet_id, unsigned ch
 
 unsigned long QelcFlow::Writer::commit_packet(bool notify) {
     int n = packet.commit();
-    put_be16(frame + 2, static_cast<unsigned short>(n + 2));
+    Base::put_be16(frame + 2, static_cast<unsigned short>(n + 2));
     return flow->commit_object(static_cast<unsigned short>(n + PREFIX_SIZE), notify);
 }
 
@@ -103,7 +103,7 @@ unsigned long QelcFlow::Writer::add_packet(const XmpPacket::Header* source, bool
         std::memcpy(record + 4, &bytes, sizeof(bytes));
         return flow->commit_object(XmpPacket::REFERENCE_SIZE, notify);
     }
-    unsigned short size = static_cast<unsigned short>(get_be16(bytes + 2) + XmpPacket::HEADER_SIZE);
+    unsigned short size = static_cast<unsigned short>(Base::get_be16(bytes + 2) + XmpPacket::HEADER_SIZE);
     char* record = flow->alloc_object(size);
     std::memcpy(record, bytes, size);
     stamp(record, flow->get_subject(), next_sequence());
@@ -112,14 +112,14 @@ unsigned long QelcFlow::Writer::add_packet(const XmpPacket::Header* source, bool
 
 unsigned long QelcFlow::Writer::add_packet(const QelcPacket::Header* source, bool notify) {
     const char* bytes = reinterpret_cast<const char*>(source);
-    unsigned short body = get_be16(bytes + 14);
+    unsigned short body = Base::get_be16(bytes + 14);
     if (body > ROOM - PREFIX_SIZE - QelcPacket::HEADER_SIZE)
         body = ROOM - PREFIX_SIZE - QelcPacket::HEADER_SIZE;
     unsigned short size = static_cast<unsigned short>(body + QelcPacket::HEADER_SIZE);
     alloc_frame();
     std::memcpy(frame + PREFIX_SIZE, bytes, size);
     stamp(frame, flow->get_subject(), next_sequence());
-    put_be16(frame + 2, static_cast<unsigned short>(size + 2));
+    Base::put_be16(frame + 2, static_cast<unsigned short>(size + 2));
     return flow->commit_object(static_cast<unsigned short>(size + PREFIX_SIZE), notify);
 }
 
@@ -129,7 +129,7 @@ unsigned long QelcFlow::Writer::commit_xmp_packet(unsigned short size, bool noti
     // Every record of the flow carries its subject and id + 1, whatever
     // the caller wrote there.
     stamp(frame, flow->get_subject(), next_sequence());
-    put_be16(frame + 2, static_cast<unsigned short>(size + 2));
+    Base::put_be16(frame + 2, static_cast<unsigned short>(size + 2));
     return flow->commit_object(static_cast<unsigned short>(size + PREFIX_SIZE), notify);
 }
 
@@ -153,7 +153,7 @@ const Base::DataFlow::Item* QelcFlow::Iterator::next() {
         return record;
     const char* target;
     std::memcpy(&target, record->data + 4, sizeof(target));  // stored unaligned
-    unsigned int size = get_be16(target + 2) + XmpPacket::HEADER_SIZE;
+    unsigned int size = Base::get_be16(target + 2) + XmpPacket::HEADER_SIZE;
     if (size > QelcPacket::MAX_PACKAGE_SIZE) return record;  // no frame of a flow is larger
     char* second = buffers + QelcPacket::MAX_PACKAGE_SIZE + 8;
     char* into = copy.data == buffers ? second : buffers;
@@ -296,7 +296,7 @@ const QelcFlow::Package* QelcFlow::Reader::read() {
 
 // ---------------------------------------------------------------- Saver
 
-static void put_header(char* out, unsigned short version) { put_be16(out, version); }
+static void put_header(char* out, unsigned short version) { Base::put_be16(out, version); }
 
 QelcFlow::Saver::Saver(QelcFlow* saved, const char* dir, const char* name, bool append,
                        Parallel::FlowRecycler* owner)
@@ -362,7 +362,7 @@ int QelcFlow::Saver::save_one() {
     const char* record = Sender::read(length);
     if (!record) return 0;
     char word[4];
-    put_be32(word, length);
+    Base::put_be32(word, length);
     if (std::fwrite(word, 1, 4, file) != 4 || std::fwrite(record, 1, length, file) != length)
         return -1;
     if (std::fflush(file) != 0) return -1;
@@ -389,7 +389,7 @@ QelcFlow::Loader::Loader(QelcFlow* loaded, const char* dir, const char* name,
         file = nullptr;
         return;
     }
-    unsigned short file_version = get_be16(header_bytes);
+    unsigned short file_version = Base::get_be16(header_bytes);
     unsigned short flow_version =
         static_cast<unsigned short>(reinterpret_cast<uintptr_t>(loaded->get_version()));
     if (flow_version > file_version) {
@@ -421,7 +421,7 @@ bool QelcFlow::Loader::invoke() {
                     flow->get_start_id() + flow->mem->stored.load(std::memory_order_relaxed);
                 Base::offsets_note(offsets, offset_step, id, start);
                 stamp(frame, flow->get_subject(), id + 1);
-                put_be16(frame + 2, static_cast<unsigned short>(length + 2));
+                Base::put_be16(frame + 2, static_cast<unsigned short>(length + 2));
                 flow->commit_object(static_cast<unsigned short>(length + PREFIX_SIZE), false);
                 last = frame + PREFIX_SIZE;
                 return true;

@@ -18,8 +18,8 @@
 // Receiver; readers follow the rules of Base::DataFlow.
 #pragma once
 
-#include "base/datareader.h"
-#include "base/flowfile.h"
+#include "flow/datareader.h"
+#include "flow/flowfile.h"
 #include "network/qelcpacket.h"
 #include "network/xmppacket.h"
 

@@ -1,7 +1,7 @@
 #include "network/qelcpacket.h"
 
-#include "base/fielddesc.h"
-#include "network/byteorder.h"
+#include "record/fielddesc.h"
+#include "base/byteorder.h"
 #include "network/xmppacket.h"
 
 #include <cstring>
@@ -40,26 +40,26 @@ void QelcPacket::to_stream(const Header* h, char* out)
 {
     out[0] = static_cast<char>(h->Version);
     out[1] = static_cast<char>(h->Chain);
-    put_be16(out + 2, h->Subject);
-    put_be32(out + 4, h->PacketId);
-    put_be32(out + 8, h->SequenceLow);
+    Base::put_be16(out + 2, h->Subject);
+    Base::put_be32(out + 4, h->PacketId);
+    Base::put_be32(out + 8, h->SequenceLow);
     out[12] = static_cast<char>(h->SequenceHigh);
     out[13] = static_cast<char>(h->FieldCount);
-    put_be16(out + 14, h->BodyLength);
-    put_be32(out + 16, h->RequestId);
+    Base::put_be16(out + 14, h->BodyLength);
+    Base::put_be32(out + 16, h->RequestId);
 }
 
 void QelcPacket::from_stream(Header* h, const char* in)
 {
     h->Version = static_cast<unsigned char>(in[0]);
     h->Chain = static_cast<unsigned char>(in[1]);
-    h->Subject = get_be16(in + 2);
-    h->PacketId = get_be32(in + 4);
-    h->SequenceLow = get_be32(in + 8);
+    h->Subject = Base::get_be16(in + 2);
+    h->PacketId = Base::get_be32(in + 4);
+    h->SequenceLow = Base::get_be32(in + 8);
     h->SequenceHigh = static_cast<unsigned char>(in[12]);
     h->FieldCount = static_cast<unsigned char>(in[13]);
-    h->BodyLength = get_be16(in + 14);
-    h->RequestId = get_be32(in + 16);
+    h->BodyLength = Base::get_be16(in + 14);
+    h->RequestId = Base::get_be32(in + 16);
 }
 
 char* QelcPacket::add_field(unsigned short id, unsigned short size)
@@ -68,8 +68,8 @@ char* QelcPacket::add_field(unsigned short id, unsigned short size)
     // The whole addition is tested, so a body can be filled to exactly 4000.
     if (header.BodyLength + XmpPacket::FIELD_HEADER_SIZE + size > MAX_BODY_SIZE) return nullptr;
     char* at = body + header.BodyLength;
-    put_be16(at, id);
-    put_be16(at + 2, size);
+    Base::put_be16(at, id);
+    Base::put_be16(at + 2, size);
     header.FieldCount++;
     header.BodyLength = static_cast<unsigned short>(header.BodyLength + XmpPacket::FIELD_HEADER_SIZE + size);
     return at + XmpPacket::FIELD_HEADER_SIZE;
@@ -122,8 +122,8 @@ unsigned short QelcPacket::Iterator::next()
     if (header == nullptr) return END;
     const int length = header->BodyLength;
     if (position + XmpPacket::FIELD_HEADER_SIZE > length) return END;
-    const unsigned short id = get_be16(body + position);
-    const unsigned short size = get_be16(body + position + 2);
+    const unsigned short id = Base::get_be16(body + position);
+    const unsigned short size = Base::get_be16(body + position + 2);
     position += XmpPacket::FIELD_HEADER_SIZE;
     // A record cut off by the end of the body ends the walk without an error.
     if (position + size > length) return END;

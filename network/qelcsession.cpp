@@ -5,12 +5,12 @@
 #include <cstdint>
 #include <cstring>
 
-#include "base/list.h"
+#include "containers/list.h"
 #include "base/reportable.h"
-#include "base/sign.h"
+#include "sync/sign.h"
 #include "base/strings.h"
 #include "base/switches.h"
-#include "base/tcpsocket.h"
+#include "network/tcpsocket.h"
 #include "network/qelcchannel.h"
 #include "network/qelcflow.h"
 #include "parallel/fdreactor.h"

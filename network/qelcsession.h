@@ -25,8 +25,8 @@
 
 #include <atomic>
 
-#include "base/dataflow.h"
-#include "base/uri.h"
+#include "flow/dataflow.h"
+#include "network/uri.h"
 #include "network/flowchannel.h"
 #include "network/session.h"
 #include "parallel/reactor.h"

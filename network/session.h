@@ -14,7 +14,7 @@
 // All on_* run on the reactor thread of the session.
 #pragma once
 
-#include "base/list.h"
+#include "containers/list.h"
 
 namespace Base {
 class Reportable;

@@ -1,7 +1,7 @@
 #include "network/xmppacket.h"
 
-#include "base/fieldcoder.h"
-#include "network/byteorder.h"
+#include "record/fieldcoder.h"
+#include "base/byteorder.h"
 
 namespace Network {
 
@@ -15,26 +15,26 @@ void XmpPacket::to_stream(const Header* header, char* out)
 {
     out[0] = static_cast<char>(header->Type);
     out[1] = static_cast<char>(header->ExtLength);
-    put_be16(out + 2, header->Length);
+    Base::put_be16(out + 2, header->Length);
 }
 
 void XmpPacket::from_stream(Header* header, const char* in)
 {
     header->Type = static_cast<unsigned char>(in[0]);
     header->ExtLength = static_cast<unsigned char>(in[1]);
-    header->Length = get_be16(in + 2);
+    header->Length = Base::get_be16(in + 2);
 }
 
 void XmpPacket::to_stream(const FieldHeader* header, char* out)
 {
-    put_be16(out, header->FieldId);
-    put_be16(out + 2, header->FieldLength);
+    Base::put_be16(out, header->FieldId);
+    Base::put_be16(out + 2, header->FieldLength);
 }
 
 void XmpPacket::from_stream(FieldHeader* header, const char* in)
 {
-    header->FieldId = get_be16(in);
-    header->FieldLength = get_be16(in + 2);
+    header->FieldId = Base::get_be16(in);
+    header->FieldLength = Base::get_be16(in + 2);
 }
 
 int XmpPacket::write_heartbeat(char* out)
@@ -52,7 +52,7 @@ int XmpPacket::write_heartbeat_interval(char* out, unsigned int seconds)
     to_stream(&header, out);
     out[4] = static_cast<char>(TAG_HEARTBEAT_INTERVAL);
     out[5] = 4;
-    put_be32(out + 6, seconds);
+    Base::put_be32(out + 6, seconds);
     return HEARTBEAT_INTERVAL_SIZE;
 }
 
@@ -63,7 +63,7 @@ bool XmpPacket::read_heartbeat_interval(const char* frame, int size, unsigned in
     from_stream(&header, frame);
     if (header.Type != TYPE_CONTROL || header.ExtLength != 6 || header.Length != 0) return false;
     if (static_cast<unsigned char>(frame[4]) != TAG_HEARTBEAT_INTERVAL || frame[5] != 4) return false;
-    seconds = get_be32(frame + 6);
+    seconds = Base::get_be32(frame + 6);
     return true;
 }
 

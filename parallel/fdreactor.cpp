@@ -1,12 +1,14 @@
 #include "parallel/fdreactor.h"
 
+#include "parallel/ring.h"
+
 #include <fcntl.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <cstring>
 
-#include "base/sign.h"
+#include "sync/sign.h"
 #include "base/switches.h"
 
 namespace Parallel {
@@ -105,25 +107,13 @@ void FdReactor::wakeup(bool remote) {
         busy_until.store(now + BUSY_SPAN, std::memory_order_relaxed);
 }
 
-void FdReactor::link_fd_front(Fd* fd) {
-    fd->prev = &fd_head;
-    fd->next = fd_head.next;
-    fd_head.next->prev = fd;
-    fd_head.next = fd;
-}
+void FdReactor::link_fd_front(Fd* fd) { ring_link_after(fd, &fd_head); }
 
-void FdReactor::unlink_fd(Fd* fd) {
-    fd->prev->next = fd->next;
-    fd->next->prev = fd->prev;
-    fd->prev = fd->next = fd;
-}
+void FdReactor::unlink_fd(Fd* fd) { ring_unlink(fd); }
 
 void FdReactor::retire_fd(Fd* fd) {
-    unlink_fd(fd);
-    fd->prev = fd_head.prev;
-    fd->next = &fd_head;
-    fd_head.prev->next = fd;
-    fd_head.prev = fd;
+    ring_unlink(fd);
+    ring_link_before(fd, &fd_head);
     fd->last_active.store(0, std::memory_order_relaxed);
 }
 
@@ -183,15 +173,7 @@ bool FdReactor::fd_proc(bool busy) {
             }
             fd = next;
         }
-        // The first one this pass goes last among the active ones next pass.
-        Fd* first = fd_head.next;
-        if (first != &fd_head && first != notify_fd) {
-            unlink_fd(first);
-            first->prev = notify_fd->prev;
-            first->next = notify_fd;
-            notify_fd->prev->next = first;
-            notify_fd->prev = first;
-        }
+        ring_rotate(&fd_head, static_cast<Fd*>(notify_fd));
     }
     int timeout = busy ? 0 : (now > get_busy_until() ? NAP_MS : 0);
     int n = epoll_wait(epoll_fd, epoll_events, EPOLL_EVENTS, timeout);

@@ -1,8 +1,8 @@
 #include "parallel/flowrecycler.h"
 
-#include "base/sign.h"
+#include "sync/sign.h"
 #include "base/strings.h"
-#include "base/vector.h"
+#include "containers/vector.h"
 
 namespace Parallel {
 

@@ -9,7 +9,7 @@
 // file's path, and the offset table when offset_step is not 0.
 #pragma once
 
-#include "base/dataflow.h"
+#include "flow/dataflow.h"
 #include "parallel/reactor.h"
 
 namespace Base {

@@ -1,10 +1,12 @@
 #include "parallel/reactor.h"
 
-#include "base/heap.h"
-#include "base/lfqueue.h"
-#include "base/lfstack.h"
-#include "base/list.h"
-#include "base/sign.h"
+#include "parallel/ring.h"
+
+#include "containers/heap.h"
+#include "sync/lfqueue.h"
+#include "sync/lfstack.h"
+#include "containers/list.h"
+#include "sync/sign.h"
 #include "base/switches.h"
 
 #include <vector>
@@ -154,10 +156,7 @@ Reactor::Reactor(const char* name)
       handler_count(0),
       handler_end(new Handler()) {
     handler_head.prev = handler_head.next = &handler_head;
-    handler_end->prev = handler_head.prev;
-    handler_end->next = &handler_head;
-    handler_head.prev->next = handler_end;
-    handler_head.prev = handler_end;
+    ring_link_before(handler_end, &handler_head);
     handler_count = 1;
 }
 
@@ -185,25 +184,13 @@ Reactor::~Reactor() {
     }
 }
 
-void Reactor::link_handler_front(Handler* handler) {
-    handler->prev = &handler_head;
-    handler->next = handler_head.next;
-    handler_head.next->prev = handler;
-    handler_head.next = handler;
-}
+void Reactor::link_handler_front(Handler* handler) { ring_link_after(handler, &handler_head); }
 
-void Reactor::unlink_handler(Handler* handler) {
-    handler->prev->next = handler->next;
-    handler->next->prev = handler->prev;
-    handler->prev = handler->next = handler;
-}
+void Reactor::unlink_handler(Handler* handler) { ring_unlink(handler); }
 
 void Reactor::park_handler(Handler* handler) {
-    unlink_handler(handler);
-    handler->prev = handler_head.prev;
-    handler->next = &handler_head;
-    handler_head.prev->next = handler;
-    handler_head.prev = handler;
+    ring_unlink(handler);
+    ring_link_before(handler, &handler_head);
 }
 
 void Reactor::arm_timer(Timer* timer, uint64_t due) {
@@ -333,15 +320,7 @@ bool Reactor::handler_proc() {
         }
         handler = next;
     }
-    // The first one this pass goes last among the active ones next pass.
-    Handler* first = handler_head.next;
-    if (first != &handler_head && first != handler_end) {
-        unlink_handler(first);
-        first->prev = handler_end->prev;
-        first->next = handler_end;
-        handler_end->prev->next = first;
-        handler_end->prev = first;
-    }
+    ring_rotate(&handler_head, handler_end);
     return worked;
 }
 

@@ -25,7 +25,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include "base/notify.h"
+#include "flow/notify.h"
 #include "parallel/thread.h"
 
 namespace Base {

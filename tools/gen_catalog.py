@@ -54,10 +54,10 @@ for n in range(9):
 # How each family's records are coded: the wire family has stream coders, the
 # platform family struct coders.
 FAMILIES = {
-    'qel': dict(prefix='Qel', coder='stream', header='base/qelfield.h', source='base/qelfield.cpp',
+    'qel': dict(prefix='Qel', coder='stream', header='record/gen/qelfield.h', source='record/gen/qelfield.cpp',
                 public_header='api/QelcTraderApiStruct.h', public_prefix='CTulmQelc',
-                public_test='tests/base/public_layout_test.cpp'),
-    'oxa': dict(prefix='Oxa', coder='struct', header='base/oxafield.h', source='base/oxafield.cpp',
+                public_test='tests/record/public_layout_test.cpp'),
+    'oxa': dict(prefix='Oxa', coder='struct', header='record/gen/oxafield.h', source='record/gen/oxafield.cpp',
                 public_header=None, public_prefix=None, public_test=None),
 }
 
@@ -194,7 +194,7 @@ def write_header(family, cfg, records, packets):
 // built before main and read-only afterwards.
 #pragma once
 
-#include "base/fielddesc.h"
+#include "record/fielddesc.h"
 ''' % dict(p=p))
     coder_decls = {
         'stream': ['    // Internal form to stream form; len counts bytes of src.',
@@ -342,8 +342,8 @@ def write_source(family, cfg, records, packets):
 #include <cstddef>
 #include <cstring>
 
-#include "base/fieldcatalog.h"
-#include "base/fieldswap.h"
+#include "record/fieldcatalog.h"
+#include "record/fieldswap.h"
 
 using namespace Base;
 

@@ -19,11 +19,11 @@
 #include <string>
 #include <vector>
 
-#include "base/dataflow.h"
+#include "flow/dataflow.h"
 #include "base/measure.h"
 #include "base/reportable.h"
-#include "base/sign.h"
-#include "network/byteorder.h"
+#include "sync/sign.h"
+#include "base/byteorder.h"
 #include "network/channelcipher.h"
 #include "network/crppacket.h"
 #include "network/qelcchannel.h"
@@ -192,7 +192,7 @@ public:
                 }
                 while (in.size() >= 4) {
                     size_t size = (in[0] == 0 ? size_t(static_cast<unsigned char>(in[1]))
-                                              : size_t(Network::get_be16(in.data() + 2))) + 4;
+                                              : size_t(Base::get_be16(in.data() + 2))) + 4;
                     if (in.size() < size) break;
                     if (in[0] != 0) out += in.substr(0, size);
                     in.erase(0, size);
@@ -222,16 +222,16 @@ inline std::string data_frame(unsigned short subject, unsigned long sequence, in
     std::string f(size_t(26 + body), '\0');
     char* p = &f[0];
     p[0] = 2;
-    Network::put_be16(p + 2, static_cast<uint16_t>(22 + body));
+    Base::put_be16(p + 2, static_cast<uint16_t>(22 + body));
     p[4] = 1;
     p[6] = 4;
     p[7] = 'L';
-    Network::put_be16(p + 8, subject);
-    Network::put_be32(p + 10, 0x1234);
-    Network::put_be32(p + 14, static_cast<uint32_t>(sequence));
+    Base::put_be16(p + 8, subject);
+    Base::put_be32(p + 10, 0x1234);
+    Base::put_be32(p + 14, static_cast<uint32_t>(sequence));
     p[18] = static_cast<char>(sequence >> 32);
-    Network::put_be16(p + 20, static_cast<uint16_t>(body));
-    Network::put_be32(p + 22, static_cast<uint32_t>(salt));
+    Base::put_be16(p + 20, static_cast<uint16_t>(body));
+    Base::put_be32(p + 22, static_cast<uint32_t>(salt));
     for (int i = 0; i < body; ++i)
         p[26 + i] = (i / 7) % 3 == 0 ? static_cast<char>(salt * 13 + i) : '\0';
     return f;
@@ -244,7 +244,7 @@ inline std::string compress_frame(const std::string& f) {
                                     reinterpret_cast<const unsigned char*>(f.data() + 6),
                                     int(f.size()) - 6);
     out[0] = 2;
-    Network::put_be16(&out[2], static_cast<uint16_t>(coded + 2));
+    Base::put_be16(&out[2], static_cast<uint16_t>(coded + 2));
     out[4] = 1;
     out[5] = 3;
     out.resize(size_t(coded + 6));

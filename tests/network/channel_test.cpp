@@ -54,7 +54,7 @@ struct Link {
 };
 
 bool refuse_odd(Base::DataFlow*, char* frame, unsigned short&) {
-    return (Network::get_be32(frame + 14) & 1) == 0;
+    return (Base::get_be32(frame + 14) & 1) == 0;
 }
 
 }  // namespace
@@ -157,14 +157,14 @@ TEST(QelcClientChannel, PeerFaultsCloseWithTheirReasons) {
     std::string bad_ext = data_frame(3, 1, 10, 1);
     bad_ext[1] = 1;
     std::string body_mismatch = data_frame(3, 1, 10, 1);
-    Network::put_be16(&body_mismatch[20], 11);
+    Base::put_be16(&body_mismatch[20], 11);
     std::string short_plain("\x02\x00\x00\x04\x01\x00\x00\x00", 8);
     std::string huge("\x02\x00\x20\x00\x01\x00", 6);
     std::string tiny("\x02\x00\x00\x01\x01\x00", 6);
     std::string packed = compress_frame(data_frame(3, 1, 40, 1));
     packed[packed.size() - 1] = '\x01';
     packed += std::string(3, '\x01');
-    Network::put_be16(&packed[2], static_cast<uint16_t>(packed.size() - 4));
+    Base::put_be16(&packed[2], static_cast<uint16_t>(packed.size() - 4));
     std::string lone_escape("\x02\x00\x00\x03\x01\x03\xe0", 7);
     Case cases[] = {
         {"control ExtLength 1", std::string("\x00\x01\x00\x00\x00\x00", 6), -12},
@@ -306,8 +306,8 @@ TEST(QelcClientChannel, TraceRecordsWhatCrossesTheSocket) {
     std::vector<int> kinds;
     for (const std::string& r : trace) {
         ASSERT_GE(r.size(), 16u);
-        EXPECT_EQ(Network::get_be16(r.data() + 10), r.size() - 16);
-        kinds.push_back(Network::get_be16(r.data() + 8));
+        EXPECT_EQ(Base::get_be16(r.data() + 10), r.size() - 16);
+        kinds.push_back(Base::get_be16(r.data() + 8));
         int kind = kinds.back();
         if (kind == 0) {
             EXPECT_EQ(std::string(r.data() + 16), "127.0.0.1");
@@ -388,7 +388,7 @@ TEST(QelcClientChannel, WireFormOfSentFrames) {
         size_t at = 0;
         for (int i = 0; i < 3; ++i) {
             while (wire.size() < at + 4) wire += link.server.recv_for(50);
-            size_t size = Network::get_be16(wire.data() + at + 2) + 4u;
+            size_t size = Base::get_be16(wire.data() + at + 2) + 4u;
             while (wire.size() < at + size) wire += link.server.recv_for(50);
             std::string frame = wire.substr(at, size);
             at += size;
@@ -412,7 +412,7 @@ TEST(QelcClientChannel, WireFormOfSentFrames) {
                                                              reinterpret_cast<const unsigned char*>(clear.data() + 6),
                                                              int(clear.size()) - 6));
                 plain = clear.substr(0, 6) + out.substr(6, size_t(n));
-                Network::put_be16(&plain[2], static_cast<uint16_t>(n + 2));
+                Base::put_be16(&plain[2], static_cast<uint16_t>(n + 2));
                 plain[5] = 0;
                 EXPECT_LT(clear.size(), plain.size());
             }

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "base/datetime.h"
-#include "network/byteorder.h"
+#include "base/byteorder.h"
 #include "parallel/flowrecycler.h"
 
 using Base::DataFlow;
@@ -28,7 +28,7 @@ void* day_of(int date) {
 }
 
 unsigned long sequence_of(const char* frame) {
-    return Network::get_be32(frame + 14) |
+    return Base::get_be32(frame + 14) |
            static_cast<unsigned long>(static_cast<unsigned char>(frame[18])) << 32;
 }
 
@@ -40,8 +40,8 @@ unsigned long write_packet(QelcFlow::Writer& writer, unsigned short packet_id, i
     for (int i = 0; i < n; i++) {
         char* value = packet->add_field(static_cast<unsigned short>(100 + i), 6);
         EXPECT_NE(value, nullptr);
-        Network::put_be32(value, static_cast<uint32_t>(tag));
-        Network::put_be16(value + 4, static_cast<uint16_t>(i));
+        Base::put_be32(value, static_cast<uint32_t>(tag));
+        Base::put_be16(value + 4, static_cast<uint16_t>(i));
     }
     return writer.commit_packet(notify);
 }
@@ -62,8 +62,8 @@ void expect_packet(const QelcFlow::Package* got, unsigned short subject, unsigne
         unsigned short size;
         const char* value = it.get_field(size);
         ASSERT_EQ(size, 6);
-        EXPECT_EQ(Network::get_be32(value), static_cast<uint32_t>(tag));
-        EXPECT_EQ(Network::get_be16(value + 4), i);
+        EXPECT_EQ(Base::get_be32(value), static_cast<uint32_t>(tag));
+        EXPECT_EQ(Base::get_be16(value + 4), i);
     }
     EXPECT_EQ(it.next(), QelcPacket::END);
 }
@@ -203,15 +203,15 @@ TEST(QelcFlow, ReferencesAndTheTwoCopyBuffers) {
     const DataFlow::Item* a = it.next();
     ASSERT_NE(a, nullptr);
     const char* a_data = a->data;
-    EXPECT_EQ(Network::get_be16(a_data + 8), 8);  // this flow's subject
+    EXPECT_EQ(Base::get_be16(a_data + 8), 8);  // this flow's subject
     EXPECT_EQ(sequence_of(a_data), 1u);            // and place
     const DataFlow::Item* b = it.next();
     ASSERT_NE(b, nullptr);
     EXPECT_NE(b->data, a_data);  // the other buffer: a's frame is still whole
     EXPECT_EQ(sequence_of(a_data), 1u);
-    EXPECT_EQ(Network::get_be32(a_data + 6 + 4), 90u);
+    EXPECT_EQ(Base::get_be32(a_data + 6 + 4), 90u);
     EXPECT_EQ(sequence_of(b->data), 2u);
-    EXPECT_EQ(Network::get_be32(b->data + 6 + 4), 91u);
+    EXPECT_EQ(Base::get_be32(b->data + 6 + 4), 91u);
     EXPECT_EQ(b->length, 26 + 10);
     const DataFlow::Item* c = it.next();  // a copy record is handed out in place
     EXPECT_EQ(sequence_of(c->data), 3u);

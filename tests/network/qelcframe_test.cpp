@@ -6,8 +6,8 @@
 #include "network/qelcpacket.h"
 #include "network/xmppacket.h"
 
-#include "base/fielddesc.h"
-#include "base/qelfield.h"
+#include "record/fielddesc.h"
+#include "record/gen/qelfield.h"
 
 #include <gtest/gtest.h>
 

@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "base/tcpsocket.h"
+#include "network/tcpsocket.h"
 #include "reactor_helpers.h"
 
 namespace {

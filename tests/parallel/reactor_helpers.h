@@ -7,7 +7,7 @@
 #include <memory>
 
 #include "base/measure.h"
-#include "base/sign.h"
+#include "sync/sign.h"
 #include "base/switches.h"
 #include "parallel/reactor.h"
 

@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "base/list.h"
+#include "containers/list.h"
 #include "reactor_helpers.h"
 
 namespace {
