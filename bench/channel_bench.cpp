@@ -9,6 +9,7 @@
 // back into the client's flow; beside a TCP ping-pong of the same bytes.
 #include <benchmark/benchmark.h>
 
+#include <cerrno>
 #include <chrono>
 #include <thread>
 
@@ -153,22 +154,27 @@ struct TcpPair {
     int client;
 };
 
-void send_all(int fd, const char* data, size_t size) {
+bool send_all(int fd, const char* data, size_t size) {
     while (size) {
         ssize_t n = ::send(fd, data, size, MSG_NOSIGNAL);
-        if (n <= 0) return;
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
         data += n;
         size -= size_t(n);
     }
+    return true;
 }
 
-void recv_all(int fd, char* data, size_t size) {
+// False when the peer has closed (or on an error) before size bytes came.
+bool recv_all(int fd, char* data, size_t size) {
     while (size) {
         ssize_t n = ::recv(fd, data, size, 0);
-        if (n <= 0) return;
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
         data += n;
         size -= size_t(n);
     }
+    return true;
 }
 
 void BM_RawTcpStream(benchmark::State& state) {
@@ -176,13 +182,11 @@ void BM_RawTcpStream(benchmark::State& state) {
     std::string bytes;
     for (int i = 0; i < BATCH; ++i) bytes += data_frame(3, unsigned(i + 1), BODY, i);
     std::atomic<long> batches{0};
-    std::atomic<bool> stop{false};
+    // The reader ends at the end of the stream: a flag could be seen only
+    // after it had gone back to wait for bytes that never come.
     std::thread reader([&] {
         std::vector<char> buf(bytes.size());
-        while (!stop.load()) {
-            recv_all(pair.server.conn, buf.data(), buf.size());
-            batches.fetch_add(1);
-        }
+        while (recv_all(pair.server.conn, buf.data(), buf.size())) batches.fetch_add(1);
     });
     long target = 0;
     for (auto _ : state) {
@@ -190,8 +194,7 @@ void BM_RawTcpStream(benchmark::State& state) {
         ++target;
         nap_until([&] { return batches.load() >= target; });
     }
-    stop.store(true);
-    send_all(pair.client, bytes.data(), bytes.size());
+    ::shutdown(pair.client, SHUT_WR);
     reader.join();
     state.SetItemsProcessed(int64_t(state.iterations()) * BATCH);
     state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(bytes.size()));
@@ -213,12 +216,11 @@ BENCHMARK(BM_ChannelRoundTrip)->Iterations(20000)->UseRealTime();
 void BM_RawTcpPingPong(benchmark::State& state) {
     TcpPair pair;
     std::string frame = data_frame(1, 1, SMALL, 1);
-    std::atomic<bool> stop{false};
+    // The echo ends when the client closes its side, whatever it was doing.
     std::thread echo([&] {
         std::vector<char> buf(frame.size());
-        while (!stop.load()) {
-            recv_all(pair.server.conn, buf.data(), buf.size());
-            send_all(pair.server.conn, buf.data(), buf.size());
+        while (recv_all(pair.server.conn, buf.data(), buf.size()) &&
+               send_all(pair.server.conn, buf.data(), buf.size())) {
         }
     });
     std::vector<char> back(frame.size());
@@ -226,9 +228,7 @@ void BM_RawTcpPingPong(benchmark::State& state) {
         send_all(pair.client, frame.data(), frame.size());
         recv_all(pair.client, back.data(), back.size());
     }
-    stop.store(true);
-    send_all(pair.client, frame.data(), frame.size());
-    recv_all(pair.client, back.data(), back.size());
+    ::shutdown(pair.client, SHUT_WR);
     echo.join();
     state.SetItemsProcessed(int64_t(state.iterations()));
 }
