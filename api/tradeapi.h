@@ -177,6 +177,22 @@ private:
     // struct form into reply_buffers[buffer], ends every text member with a
     // zero and returns the buffer; otherwise null.
     void* take_record(unsigned short id, const Base::FieldDesc* desc, int buffer);
+    // The same for the record the iterator stands on.
+    void* decode_record(const Base::FieldDesc* desc, int buffer);
+  public:
+    struct DispatchEntry;  // one row of the packet table
+  private:
+    // Decodes the header of a stored frame into `packet` and attaches the
+    // iterator to its body; false when the frame can't hold the headers.
+    bool open_frame(const void* data, unsigned short size);
+    void dispatch(const DispatchEntry* entry, CTulmQelcTraderSpi* callback);
+    void dispatch_rsp_error(const DispatchEntry* entry, CTulmQelcTraderSpi* callback);
+    void dispatch_reply(const DispatchEntry* entry, CTulmQelcTraderSpi* callback);
+    void dispatch_return(const DispatchEntry* entry, CTulmQelcTraderSpi* callback);
+    void dispatch_return_many(const DispatchEntry* entry, CTulmQelcTraderSpi* callback);
+    void dispatch_query(const DispatchEntry* entry, CTulmQelcTraderSpi* callback);
+    // One more answer on a gate, never past its `sent`.
+    void count_answer(FluxValue* flux);
 
     // ---- connection events, tick, trade.con, topic resume (traderesume.cpp) ----
     void read_resume();                          // Init: open and read trade.con
