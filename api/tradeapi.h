@@ -43,6 +43,7 @@ class FdReactor;
 }
 namespace Network {
 class QelcBondClientSession;
+class QelcClientSession;
 }
 struct QelRspInfoField;
 struct QelUserapiAuthenticInfoField;
@@ -199,6 +200,23 @@ private:
     unsigned long resume_start_id(int topic) const;
     void save_resume();                          // write trade.con now
     void on_intl_rtn_dissemination();
+    void parse_resume();
+    int build_resume_text();
+    void make_resume_path(char* path) const;     // 256 bytes
+    void reset_connection();                     // under api_mutex
+    void warn_heartbeat(Network::QelcClientSession* current);
+    // The members of topic 2, 3 or 5; null for any other topic.
+    Network::QelcFlow** topic_flow(int topic);
+    TE_RESUME_TYPE* topic_resume(int topic);
+    bool* topic_pending(int topic);
+    // (topic, position) pairs of trade.con as read by Init.
+    struct ResumePair {
+        unsigned short topic;
+        unsigned int sequence;
+    };
+    ResumePair resume_pairs[3] = {};
+    // Tests reach the reactor-thread state through this class.
+    friend class TradeApiProbe;
 
     // ---- logs (tradelog.cpp) ----
     void swap_response_log(FILE* file);
