@@ -60,8 +60,10 @@ struct HasReactor {
 
 class Client : private HasReactor, public Network::ClientSession, public Base::DataFlow::WriteCallback {
 public:
-    explicit Client(int front_port)
-        : Network::ClientSession(HasReactor::reactor.get(), nullptr, nullptr), port(front_port) {
+    explicit Client(int front_port, unsigned int heartbeat_seconds = 0)
+        : Network::ClientSession(HasReactor::reactor.get(), nullptr, nullptr),
+          port(front_port),
+          heartbeat(heartbeat_seconds) {
         control = chtest::make_flow(0);
         requests = chtest::make_flow(1);
         responses = new Network::QelcFlow(1, 0x100000, 0x100000, nullptr, this, 0, nullptr, false, false);
@@ -237,7 +239,7 @@ public:
     using HasReactor::reactor;
     Network::QelcClientSession* session = nullptr;
     int port;
-    unsigned int heartbeat = 0;
+    unsigned int heartbeat;
     std::atomic<int> connected{0};
     std::atomic<bool> ready{false};
     int crypt_value = 0;
