@@ -13,19 +13,19 @@ namespace {
 void put_user(User& u, const char* user, const char* part, const char* password, const char* client,
               const char* app, const char* code) {
     memset(&u, 0, sizeof(u));
-    Base::str_ncpy(sizeof(u.user_id), u.user_id, user);
-    Base::str_ncpy(sizeof(u.participant_id), u.participant_id, part);
-    Base::str_ncpy(sizeof(u.password), u.password, password);
-    Base::str_ncpy(sizeof(u.client_id), u.client_id, client);
-    Base::str_ncpy(sizeof(u.app_id), u.app_id, app);
-    Base::str_ncpy(sizeof(u.auth_code), u.auth_code, code);
+    Base::str_ncpy(sizeof(u.user_id) - 1, u.user_id, user);
+    Base::str_ncpy(sizeof(u.participant_id) - 1, u.participant_id, part);
+    Base::str_ncpy(sizeof(u.password) - 1, u.password, password);
+    Base::str_ncpy(sizeof(u.client_id) - 1, u.client_id, client);
+    Base::str_ncpy(sizeof(u.app_id) - 1, u.app_id, app);
+    Base::str_ncpy(sizeof(u.auth_code) - 1, u.auth_code, code);
 }
 
 void put_instrument(Instrument& i, const char* id, const char* product, double tick, double low,
                     double high, int max_volume) {
     memset(&i, 0, sizeof(i));
-    Base::str_ncpy(sizeof(i.instrument_id), i.instrument_id, id);
-    Base::str_ncpy(sizeof(i.product_id), i.product_id, product);
+    Base::str_ncpy(sizeof(i.instrument_id) - 1, i.instrument_id, id);
+    Base::str_ncpy(sizeof(i.product_id) - 1, i.product_id, product);
     i.price_tick = tick;
     i.lower_limit = low;
     i.upper_limit = high;
@@ -74,7 +74,7 @@ bool fail(char* error, int size, const char* what, const char* key, const char* 
 
 Config::Config() {
     memset(this, 0, sizeof(*this));
-    Base::str_ncpy(sizeof(host), host, "127.0.0.1");
+    Base::str_ncpy(sizeof(host) - 1, host, "127.0.0.1");
     port = 17001;
     key_form = KEY_HASH;
     cipher_type = 3;
@@ -97,17 +97,17 @@ Config::Config() {
 
 bool Config::set(const char* key, const char* value, char* error, int size) {
     char text[512];
-    Base::str_ncpy(sizeof(text), text, value);
+    Base::str_ncpy(sizeof(text) - 1, text, value);
     int n = 0;
     if (!strcmp(key, "host")) {
-        Base::str_ncpy(sizeof(host), host, value);
+        Base::str_ncpy(sizeof(host) - 1, host, value);
     } else if (!strcmp(key, "port")) {
         if (!to_int(value, port) || port < 0 || port > 65535) return fail(error, size, "bad port", key, value);
     } else if (!strcmp(key, "trading_day")) {
         if (strlen(value) != 8 || !Base::is_digit(value)) return fail(error, size, "bad day", key, value);
-        Base::str_ncpy(sizeof(trading_day), trading_day, value);
+        Base::str_ncpy(sizeof(trading_day) - 1, trading_day, value);
     } else if (!strcmp(key, "data_dir")) {
-        Base::str_ncpy(sizeof(data_dir), data_dir, value);
+        Base::str_ncpy(sizeof(data_dir) - 1, data_dir, value);
     } else if (!strcmp(key, "key")) {
         if (!strcmp(value, "plain")) key_form = KEY_PLAIN;
         else if (!strcmp(value, "hash")) key_form = KEY_HASH;
