@@ -118,7 +118,7 @@ void BM_TraderOrderRoundTrip(benchmark::State& state) {
         us.reserve(ROUNDS);
         long id = 0;
         for (auto _ : state) {
-            snprintf(o.OrderLocalID, sizeof(o.OrderLocalID), "%012ld", ++id);
+            snprintf(o.OrderLocalID, sizeof(o.OrderLocalID), "%012ld", ++id % 1000000000000L);
             long before = spi.returns.load(std::memory_order_acquire);
             Clock::time_point t0 = Clock::now();
             int r = api->ReqOrderInsert(&o, int(id));
