@@ -1,40 +1,84 @@
 #include "api/tradeapi.h"
 
 #include <cstring>
+#include <initializer_list>
 
 #include "base/strings.h"
 
 namespace Api {
 
 TradeApi::TradeApi(const char* path, Parallel::FdReactor* reactor_given)
-    : given_reactor(reactor_given),
+    : Network::ClientSession(reactor_given, nullptr, nullptr),
+      given_reactor(reactor_given),
       reactor(nullptr),
       spi(nullptr),
       front_count(0),
       name_server_count(0),
       address_mode('1'),
+      session_keys(true),
+      crypt_ready(false),
+      auth_sent(false),
+      auth_ok(false),
+      init_crypt_value(0),
+      request_queue(nullptr),
+      queue_iterator(nullptr),
+      control_flow(nullptr),
+      control_writer(nullptr),
+      request_flow(nullptr),
+      request_writer(nullptr),
+      response_flow(nullptr),
+      private_flow(nullptr),
+      public_flow(nullptr),
+      user_flow(nullptr),
+      session(nullptr),
+      tick_timer(nullptr),
       private_resume(TE_RESUME_NONE),
       public_resume(TE_RESUME_NONE),
       user_resume(TE_RESUME_NONE),
       private_pending(true),
       public_pending(true),
       user_pending(true),
+      data_center_id(0),
       logged_in(false),
       heartbeat_timeout(10),
-      link_time(0),
+      packet(0, 0, 'L'),
       request_log(nullptr),
       response_log(nullptr),
-      release_sign(0) {
+      last_login_time(0),
+      link_time(0),
+      resume_file(nullptr),
+      resume_file_length(0),
+      release_sign(0),
+      released(false) {
     Base::str_ncpy(sizeof(flow_path) - 1, flow_path, path);
     std::memset(fronts, 0, sizeof(fronts));
     std::memset(name_servers, 0, sizeof(name_servers));
+    std::memset(session_auth_text, 0, sizeof(session_auth_text));
     std::memset(trading_day, 0, sizeof(trading_day));
+    std::memset(resume_day, 0, sizeof(resume_day));
     std::memset(max_order_local_id, 0, sizeof(max_order_local_id));
+    std::memset(participant_id, 0, sizeof(participant_id));
+    std::memset(user_id, 0, sizeof(user_id));
+    std::memset(app_id, 0, sizeof(app_id));
+    std::memset(system_info, 0, sizeof(system_info));
+    std::memset(request_field, 0, sizeof(request_field));
+    std::memset(reply_buffers, 0, sizeof(reply_buffers));
+    std::memset(log_scratch, 0, sizeof(log_scratch));
+    std::memset(resume_text, 0, sizeof(resume_text));
+    for (FluxValue* flux : {&trade_flux, &query_flux}) {
+        flux->sent = 0;
+        flux->answered.store(0, std::memory_order_relaxed);
+        flux->window_base = 0;
+        flux->stamp = 0;
+        flux->max_per_second = 0;
+        flux->max_on_way = 0;
+    }
 }
 
 TradeApi::~TradeApi() {
     if (request_log) std::fclose(request_log);
     if (response_log) std::fclose(response_log);
+    if (resume_file) std::fclose(resume_file);
 }
 
 int TradeApi::Init() {
@@ -45,6 +89,12 @@ int TradeApi::Init() {
     reactor = given_reactor;
     return 0;
 }
+
+int TradeApi::on_event(int event, void* argument) { return 0; }
+
+void TradeApi::start_sessions() {}
+
+void TradeApi::teardown() {}
 
 int TradeApi::Release() {
     if (reactor == nullptr) return -9;
@@ -60,7 +110,7 @@ int TradeApi::Join() {
 
 const char* TradeApi::GetTradingDay() { return trading_day; }
 
-void TradeApi::RegisterSpi(CTulmQelcTraderSpi* callback) { spi = callback; }
+void TradeApi::RegisterSpi(CTulmQelcTraderSpi* callback) { spi.store(callback, std::memory_order_release); }
 
 // Registers into one table and empties the other, so that the table touched
 // last wins: fronts and name servers never coexist.
@@ -107,61 +157,5 @@ int TradeApi::SetHeartbeatTimeout(unsigned int seconds) {
     return 0;
 }
 
-// Closes the log first: a failed reopen leaves the log off, never pointing
-// at the old file.
-int TradeApi::open_log(FILE*& log, const char* path) {
-    if (log != nullptr) {
-        std::fclose(log);
-        log = nullptr;
-    }
-    log = std::fopen(path, "a+b");
-    return log != nullptr ? 0 : -4;
-}
 
-int TradeApi::OpenRequestLog(const char* path) { return open_log(request_log, path); }
-int TradeApi::OpenResponseLog(const char* path) { return open_log(response_log, path); }
-
-int TradeApi::check_login_gate() {
-    if (reactor == nullptr) return -9;
-    if (logged_in) return -5;
-    // No session is built yet, so the object never has a connection.
-    return -12;
-}
-
-// Requests need the outbound flows, which do not exist before login.
-int TradeApi::request_not_ready() { return -1; }
-
-int TradeApi::ReqUserLogin(CTulmQelcReqUserLoginField* field, int request) { return check_login_gate(); }
-int TradeApi::ReqUserLogout(CTulmQelcReqUserLogoutField* field, int request) { return logged_in ? request_not_ready() : -1; }
-int TradeApi::ReqOrderInsert(CTulmQelcInputOrderField* field, int request) { return logged_in ? request_not_ready() : -1; }
-int TradeApi::ReqOrderAction(CTulmQelcOrderActionField* field, int request) { return logged_in ? request_not_ready() : -1; }
-int TradeApi::ReqQuoteInsert(CTulmQelcInputQuoteField* field, int request) { return logged_in ? request_not_ready() : -1; }
-int TradeApi::ReqQuoteAction(CTulmQelcQuoteActionField* field, int request) { return logged_in ? request_not_ready() : -1; }
-int TradeApi::ReqUserPasswordUpdate(CTulmQelcUserPasswordUpdateField* field, int request) { return logged_in ? request_not_ready() : -1; }
-int TradeApi::ReqExecOrderInsert(CTulmQelcInputExecOrderField* field, int request) { return logged_in ? request_not_ready() : -1; }
-int TradeApi::ReqExecOrderAction(CTulmQelcExecOrderActionField* field, int request) { return logged_in ? request_not_ready() : -1; }
-int TradeApi::ReqAbandonExecOrderInsert(CTulmQelcInputAbandonExecOrderField* field, int request) { return logged_in ? request_not_ready() : -1; }
-int TradeApi::ReqAbandonExecOrderAction(CTulmQelcAbandonExecOrderActionField* field, int request) { return logged_in ? request_not_ready() : -1; }
-int TradeApi::ReqQuoteDemand(CTulmQelcInputQuoteDemandField* field, int request) { return logged_in ? request_not_ready() : -1; }
-int TradeApi::ReqSubscribeTopic(CTulmQelcDisseminationField* field, int request) { return logged_in ? request_not_ready() : -1; }
-int TradeApi::ReqQryPartAccount(CTulmQelcQryPartAccountField* field, int request) { return logged_in ? request_not_ready() : -1; }
-int TradeApi::ReqQryOrder(CTulmQelcQryOrderField* field, int request) { return logged_in ? request_not_ready() : -1; }
-int TradeApi::ReqQryQuote(CTulmQelcQryQuoteField* field, int request) { return logged_in ? request_not_ready() : -1; }
-int TradeApi::ReqQryTrade(CTulmQelcQryTradeField* field, int request) { return logged_in ? request_not_ready() : -1; }
-int TradeApi::ReqQryClient(CTulmQelcQryClientField* field, int request) { return logged_in ? request_not_ready() : -1; }
-int TradeApi::ReqQryPartPosition(CTulmQelcQryPartPositionField* field, int request) { return logged_in ? request_not_ready() : -1; }
-int TradeApi::ReqQryClientPosition(CTulmQelcQryClientPositionField* field, int request) { return logged_in ? request_not_ready() : -1; }
-int TradeApi::ReqQryInstrument(CTulmQelcQryInstrumentField* field, int request) { return logged_in ? request_not_ready() : -1; }
-int TradeApi::ReqQryInstrumentStatus(CTulmQelcQryInstrumentStatusField* field, int request) { return logged_in ? request_not_ready() : -1; }
-int TradeApi::ReqQryHedgeVolume(CTulmQelcQryHedgeVolumeField* field, int request) { return logged_in ? request_not_ready() : -1; }
-int TradeApi::ReqQryExecOrder(CTulmQelcQryExecOrderField* field, int request) { return logged_in ? request_not_ready() : -1; }
-int TradeApi::ReqQryAbandonExecOrder(CTulmQelcQryAbandonExecOrderField* field, int request) { return logged_in ? request_not_ready() : -1; }
-int TradeApi::ReqQryMarketData(CTulmQelcQryMarketDataField* field, int request) { return logged_in ? request_not_ready() : -1; }
-int TradeApi::ReqQryBulletin(CTulmQelcQryBulletinField* field, int request) { return logged_in ? request_not_ready() : -1; }
-int TradeApi::ReqQryTopic(CTulmQelcDisseminationField* field, int request) { return logged_in ? request_not_ready() : -1; }
-int TradeApi::ReqQryExchangeRate(CTulmQelcQryExchangeRateField* field, int request) { return logged_in ? request_not_ready() : -1; }
-int TradeApi::ReqOptionSelfCloseUpdate(CTulmQelcInputOptionSelfCloseField* field, int request) { return logged_in ? request_not_ready() : -1; }
-int TradeApi::ReqOptionSelfCloseAction(CTulmQelcOptionSelfCloseActionField* field, int request) { return logged_in ? request_not_ready() : -1; }
-int TradeApi::ReqQryOptionSelfClose(CTulmQelcQryOptionSelfCloseField* field, int request) { return logged_in ? request_not_ready() : -1; }
-int TradeApi::ReqAuthenticate(CTulmQelcProductAuthField* field, int request) { return check_login_gate(); }
 }  // namespace Api
