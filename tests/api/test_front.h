@@ -6,7 +6,8 @@
 // every frame with its arrival clock; the reply (1) and topic (2, 3, 5)
 // flows are sent from. By default the front answers the key request with
 // "0" (no cipher) and a login with a good reply carrying the limits in
-// `limits`; both can be switched off. send() puts any packet on any
+// `limits`; both can be switched off. With answer_requests it answers every
+// request with an RspError (packet 1) of its RequestId. send() puts any packet on any
 // subject of the latest connection, drop() closes every connection.
 //
 // Recording and answering run on the front's reactor thread; the getters
@@ -130,6 +131,7 @@ public:
 
     std::atomic<bool> answer_keys{true};
     std::atomic<bool> answer_login{true};
+    std::atomic<bool> answer_requests{false};  // an RspError for each request
     Limits limits;  // set before the login
     char max_order_local_id[13] = "";
     char participant_id[11] = "P1";
@@ -189,6 +191,12 @@ protected:
             received.push_back(frame);
         }
         if (link != links.back().get()) return;
+        if (frame.subject == 1 && answer_requests.load()) {
+            QelRspInfoField info = {};
+            info.ErrorID = 1;
+            write_packet(1, 1, frame.header.RequestId, {{&QelRspInfoField::DESC, &info, QelRspInfoField::to_stream}},
+                         'L');
+        }
         if (frame.header.PacketId == KEY_REQUEST && answer_keys.load()) answer_key_request(frame);
         if (frame.header.PacketId == LOGIN_REQUEST && answer_login.load()) answer_login_request(frame);
     }
