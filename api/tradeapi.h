@@ -43,6 +43,7 @@ class FdReactor;
 }
 namespace Network {
 class QelcBondClientSession;
+class QelcClientSession;
 }
 struct QelRspInfoField;
 struct QelUserapiAuthenticInfoField;
@@ -188,18 +189,62 @@ private:
     void on_rsp_authenticate(CTulmQelcTraderSpi* callback);
     void on_rsp_user_login(CTulmQelcTraderSpi* callback);
     void on_rsp_user_logout(CTulmQelcTraderSpi* callback);
+    // The channel key that a crypt reply's key text gives: 0 and no key for
+    // "0", 1 with type and key set, -1 for a text that gives no usable key.
+    // auth_text is the public-key text this connection sent; keys deciphers.
+    static int read_session_key(const char* text, const char* auth_text, Cipher::Sm2& keys,
+                                unsigned char& type, unsigned long& key);
+    // A topic's position in a login: its count, or -1 while resuming from now.
+    void add_topic_position(Network::QelcPacket* out, short topic, bool pending, Base::DataFlow* flow,
+                            TE_RESUME_TYPE resume);
+    // One reply more on trade_flux, never past what was sent.
+    void count_trade_answer();
+    friend struct LoginProbe;  // tests drive the login steps directly
 
     // ---- inbound dispatch (tradedispatch.cpp) ----
     // Takes the iterator's next record; when its id is `id`, decodes it in
     // struct form into reply_buffers[buffer], ends every text member with a
     // zero and returns the buffer; otherwise null.
     void* take_record(unsigned short id, const Base::FieldDesc* desc, int buffer);
+    // The same for the record the iterator stands on.
+    void* decode_record(const Base::FieldDesc* desc, int buffer);
+  public:
+    struct DispatchEntry;  // one row of the packet table
+  private:
+    // Decodes the header of a stored frame into `packet` and attaches the
+    // iterator to its body; false when the frame can't hold the headers.
+    bool open_frame(const void* data, unsigned short size);
+    void dispatch(const DispatchEntry* entry, CTulmQelcTraderSpi* callback);
+    void dispatch_rsp_error(const DispatchEntry* entry, CTulmQelcTraderSpi* callback);
+    void dispatch_reply(const DispatchEntry* entry, CTulmQelcTraderSpi* callback);
+    void dispatch_return(const DispatchEntry* entry, CTulmQelcTraderSpi* callback);
+    void dispatch_return_many(const DispatchEntry* entry, CTulmQelcTraderSpi* callback);
+    void dispatch_query(const DispatchEntry* entry, CTulmQelcTraderSpi* callback);
+    // One more answer on a gate, never past its `sent`.
+    void count_answer(FluxValue* flux);
 
     // ---- connection events, tick, trade.con, topic resume (traderesume.cpp) ----
     void read_resume();                          // Init: open and read trade.con
     unsigned long resume_start_id(int topic) const;
     void save_resume();                          // write trade.con now
     void on_intl_rtn_dissemination();
+    void parse_resume();
+    int build_resume_text();
+    void make_resume_path(char* path) const;     // 256 bytes
+    void reset_connection();                     // under api_mutex
+    void warn_heartbeat(Network::QelcClientSession* current);
+    // The members of topic 2, 3 or 5; null for any other topic.
+    Network::QelcFlow** topic_flow(int topic);
+    TE_RESUME_TYPE* topic_resume(int topic);
+    bool* topic_pending(int topic);
+    // (topic, position) pairs of trade.con as read by Init.
+    struct ResumePair {
+        unsigned short topic;
+        unsigned int sequence;
+    };
+    ResumePair resume_pairs[3] = {};
+    // Tests reach the reactor-thread state through this class.
+    friend class TradeApiProbe;
 
     // ---- logs (tradelog.cpp) ----
     void swap_response_log(FILE* file);
