@@ -41,9 +41,11 @@ int thread_count() {
 
 class Spy : public CTulmQelcTraderSpi {
 public:
+    // The count goes up after the hook, so that a thread that sees it sees
+    // what the hook did.
     void OnFrontConnected() override {
-        connected.fetch_add(1);
         if (on_connected) on_connected();
+        connected.fetch_add(1);
     }
     void OnRspUserLogin(CTulmQelcRspUserLoginField*, CTulmQelcRspInfoField* info, int, bool) override {
         if (info && info->ErrorID == 0) logins.fetch_add(1);
