@@ -172,6 +172,17 @@ private:
     void on_rsp_authenticate(CTulmQelcTraderSpi* callback);
     void on_rsp_user_login(CTulmQelcTraderSpi* callback);
     void on_rsp_user_logout(CTulmQelcTraderSpi* callback);
+    // The channel key that a crypt reply's key text gives: 0 and no key for
+    // "0", 1 with type and key set, -1 for a text that gives no usable key.
+    // auth_text is the public-key text this connection sent; keys deciphers.
+    static int read_session_key(const char* text, const char* auth_text, Cipher::Sm2& keys,
+                                unsigned char& type, unsigned long& key);
+    // A topic's position in a login: its count, or -1 while resuming from now.
+    void add_topic_position(Network::QelcPacket* out, short topic, bool pending, Base::DataFlow* flow,
+                            TE_RESUME_TYPE resume);
+    // One reply more on trade_flux, never past what was sent.
+    void count_trade_answer();
+    friend struct LoginProbe;  // tests drive the login steps directly
 
     // ---- inbound dispatch (tradedispatch.cpp) ----
     // Takes the iterator's next record; when its id is `id`, decodes it in
