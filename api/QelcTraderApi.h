@@ -41,65 +41,65 @@ enum TE_RESUME_TYPE {
 class QELC_TRADER_API_EXPORT CTulmQelcTraderSpi {
 public:
     virtual void OnFrontConnected() {}
-    virtual void OnFrontDisconnected(int reason) {}
-    virtual void OnHeartBeatWarning(int seconds) {}
-    virtual void OnPackageStart(int topic, int sequence) {}
-    virtual void OnPackageEnd(int topic, int sequence) {}
-    virtual void OnRspError(CTulmQelcRspInfoField* info, int request, bool last) {}
-    virtual void OnRspUserLogin(CTulmQelcRspUserLoginField* login, CTulmQelcRspInfoField* info, int request, bool last) {}
-    virtual void OnRspUserLogout(CTulmQelcRspUserLogoutField* logout, CTulmQelcRspInfoField* info, int request, bool last) {}
-    virtual void OnRspOrderInsert(CTulmQelcInputOrderField* order, CTulmQelcRspInfoField* info, int request, bool last) {}
-    virtual void OnRspOrderAction(CTulmQelcOrderActionField* action, CTulmQelcRspInfoField* info, int request, bool last) {}
-    virtual void OnRspQuoteInsert(CTulmQelcInputQuoteField* quote, CTulmQelcRspInfoField* info, int request, bool last) {}
-    virtual void OnRspQuoteAction(CTulmQelcQuoteActionField* action, CTulmQelcRspInfoField* info, int request, bool last) {}
-    virtual void OnRspUserPasswordUpdate(CTulmQelcUserPasswordUpdateField* update, CTulmQelcRspInfoField* info, int request, bool last) {}
-    virtual void OnRspExecOrderInsert(CTulmQelcInputExecOrderField* order, CTulmQelcRspInfoField* info, int request, bool last) {}
-    virtual void OnRspExecOrderAction(CTulmQelcExecOrderActionField* action, CTulmQelcRspInfoField* info, int request, bool last) {}
-    virtual void OnRspAbandonExecOrderInsert(CTulmQelcInputAbandonExecOrderField* order, CTulmQelcRspInfoField* info, int request, bool last) {}
-    virtual void OnRspAbandonExecOrderAction(CTulmQelcAbandonExecOrderActionField* action, CTulmQelcRspInfoField* info, int request, bool last) {}
-    virtual void OnRspQuoteDemand(CTulmQelcQuoteDemandInfoField* demand, CTulmQelcRspInfoField* info, int request, bool last) {}
-    virtual void OnRspSubscribeTopic(CTulmQelcDisseminationField* topic, CTulmQelcRspInfoField* info, int request, bool last) {}
-    virtual void OnRspQryPartAccount(CTulmQelcRspPartAccountField* account, CTulmQelcRspInfoField* info, int request, bool last) {}
-    virtual void OnRspQryOrder(CTulmQelcOrderField* order, CTulmQelcRspInfoField* info, int request, bool last) {}
-    virtual void OnRspQryQuote(CTulmQelcQuoteField* quote, CTulmQelcRspInfoField* info, int request, bool last) {}
-    virtual void OnRspQryTrade(CTulmQelcTradeField* trade, CTulmQelcRspInfoField* info, int request, bool last) {}
-    virtual void OnRspQryClient(CTulmQelcRspClientField* client, CTulmQelcRspInfoField* info, int request, bool last) {}
-    virtual void OnRspQryPartPosition(CTulmQelcRspPartPositionField* position, CTulmQelcRspInfoField* info, int request, bool last) {}
-    virtual void OnRspQryClientPosition(CTulmQelcRspClientPositionField* position, CTulmQelcRspInfoField* info, int request, bool last) {}
-    virtual void OnRspQryInstrument(CTulmQelcRspInstrumentField* instrument, CTulmQelcRspInfoField* info, int request, bool last) {}
-    virtual void OnRspQryInstrumentStatus(CTulmQelcInstrumentStatusField* status, CTulmQelcRspInfoField* info, int request, bool last) {}
-    virtual void OnRspQryHedgeVolume(CTulmQelcHedgeVolumeField* volume, CTulmQelcRspInfoField* info, int request, bool last) {}
-    virtual void OnRspQryExecOrder(CTulmQelcExecOrderField* order, CTulmQelcRspInfoField* info, int request, bool last) {}
-    virtual void OnRspQryAbandonExecOrder(CTulmQelcAbandonExecOrderField* order, CTulmQelcRspInfoField* info, int request, bool last) {}
-    virtual void OnRspQryMarketData(CTulmQelcMarketDataField* data, CTulmQelcRspInfoField* info, int request, bool last) {}
-    virtual void OnRspQryBulletin(CTulmQelcBulletinField* bulletin, CTulmQelcRspInfoField* info, int request, bool last) {}
-    virtual void OnRspQryTopic(CTulmQelcDisseminationField* topic, CTulmQelcRspInfoField* info, int request, bool last) {}
-    virtual void OnRtnTrade(CTulmQelcTradeField* trade) {}
-    virtual void OnRtnOrder(CTulmQelcOrderField* order) {}
-    virtual void OnRtnExecOrder(CTulmQelcExecOrderField* order) {}
-    virtual void OnRtnQuote(CTulmQelcQuoteField* quote) {}
-    virtual void OnRtnAbandonExecOrder(CTulmQelcAbandonExecOrderField* order) {}
-    virtual void OnRtnInstrumentStatus(CTulmQelcInstrumentStatusField* status) {}
-    virtual void OnRtnInsInstrument(CTulmQelcInstrumentField* instrument) {}
-    virtual void OnRtnFlowMessageCancel(CTulmQelcFlowMessageCancelField* cancel) {}
-    virtual void OnRtnBulletin(CTulmQelcBulletinField* bulletin) {}
-    virtual void OnErrRtnOrderInsert(CTulmQelcInputOrderField* order, CTulmQelcRspInfoField* info) {}
-    virtual void OnErrRtnOrderAction(CTulmQelcOrderActionField* action, CTulmQelcRspInfoField* info) {}
-    virtual void OnErrRtnQuoteInsert(CTulmQelcInputQuoteField* quote, CTulmQelcRspInfoField* info) {}
-    virtual void OnErrRtnQuoteAction(CTulmQelcQuoteActionField* action, CTulmQelcRspInfoField* info) {}
-    virtual void OnErrRtnExecOrderInsert(CTulmQelcInputExecOrderField* order, CTulmQelcRspInfoField* info) {}
-    virtual void OnErrRtnExecOrderAction(CTulmQelcExecOrderActionField* action, CTulmQelcRspInfoField* info) {}
-    virtual void OnErrRtnAbandonExecOrderInsert(CTulmQelcInputAbandonExecOrderField* order, CTulmQelcRspInfoField* info) {}
-    virtual void OnErrRtnAbandonExecOrderAction(CTulmQelcAbandonExecOrderActionField* action, CTulmQelcRspInfoField* info) {}
-    virtual void OnRtnQuoteDemandNotify(CTulmQelcQuoteDemandNotifyField* notify) {}
-    virtual void OnRspQryExchangeRate(CTulmQelcRspExchangeRateField* rate, CTulmQelcRspInfoField* info, int request, bool last) {}
-    virtual void OnRspOptionSelfCloseUpdate(CTulmQelcInputOptionSelfCloseField* update, CTulmQelcRspInfoField* info, int request, bool last) {}
-    virtual void OnErrRtnOptionSelfCloseUpdate(CTulmQelcInputOptionSelfCloseField* update, CTulmQelcRspInfoField* info) {}
-    virtual void OnRtnOptionSelfCloseUpdate(CTulmQelcOptionSelfCloseField* self_close) {}
-    virtual void OnRspOptionSelfCloseAction(CTulmQelcOptionSelfCloseActionField* action, CTulmQelcRspInfoField* info, int request, bool last) {}
-    virtual void OnErrRtnOptionSelfCloseAction(CTulmQelcOptionSelfCloseActionField* action, CTulmQelcRspInfoField* info) {}
-    virtual void OnRspQryOptionSelfClose(CTulmQelcOptionSelfCloseField* self_close, CTulmQelcRspInfoField* info, int request, bool last) {}
-    virtual void OnRspAuthenticate(CTulmQelcProductAuthField* auth, CTulmQelcRspInfoField* info, int request, bool last) {}
+    virtual void OnFrontDisconnected(int /*reason*/) {}
+    virtual void OnHeartBeatWarning(int /*seconds*/) {}
+    virtual void OnPackageStart(int /*topic*/, int /*sequence*/) {}
+    virtual void OnPackageEnd(int /*topic*/, int /*sequence*/) {}
+    virtual void OnRspError(CTulmQelcRspInfoField* /*info*/, int /*request*/, bool /*last*/) {}
+    virtual void OnRspUserLogin(CTulmQelcRspUserLoginField* /*login*/, CTulmQelcRspInfoField* /*info*/, int /*request*/, bool /*last*/) {}
+    virtual void OnRspUserLogout(CTulmQelcRspUserLogoutField* /*logout*/, CTulmQelcRspInfoField* /*info*/, int /*request*/, bool /*last*/) {}
+    virtual void OnRspOrderInsert(CTulmQelcInputOrderField* /*order*/, CTulmQelcRspInfoField* /*info*/, int /*request*/, bool /*last*/) {}
+    virtual void OnRspOrderAction(CTulmQelcOrderActionField* /*action*/, CTulmQelcRspInfoField* /*info*/, int /*request*/, bool /*last*/) {}
+    virtual void OnRspQuoteInsert(CTulmQelcInputQuoteField* /*quote*/, CTulmQelcRspInfoField* /*info*/, int /*request*/, bool /*last*/) {}
+    virtual void OnRspQuoteAction(CTulmQelcQuoteActionField* /*action*/, CTulmQelcRspInfoField* /*info*/, int /*request*/, bool /*last*/) {}
+    virtual void OnRspUserPasswordUpdate(CTulmQelcUserPasswordUpdateField* /*update*/, CTulmQelcRspInfoField* /*info*/, int /*request*/, bool /*last*/) {}
+    virtual void OnRspExecOrderInsert(CTulmQelcInputExecOrderField* /*order*/, CTulmQelcRspInfoField* /*info*/, int /*request*/, bool /*last*/) {}
+    virtual void OnRspExecOrderAction(CTulmQelcExecOrderActionField* /*action*/, CTulmQelcRspInfoField* /*info*/, int /*request*/, bool /*last*/) {}
+    virtual void OnRspAbandonExecOrderInsert(CTulmQelcInputAbandonExecOrderField* /*order*/, CTulmQelcRspInfoField* /*info*/, int /*request*/, bool /*last*/) {}
+    virtual void OnRspAbandonExecOrderAction(CTulmQelcAbandonExecOrderActionField* /*action*/, CTulmQelcRspInfoField* /*info*/, int /*request*/, bool /*last*/) {}
+    virtual void OnRspQuoteDemand(CTulmQelcQuoteDemandInfoField* /*demand*/, CTulmQelcRspInfoField* /*info*/, int /*request*/, bool /*last*/) {}
+    virtual void OnRspSubscribeTopic(CTulmQelcDisseminationField* /*topic*/, CTulmQelcRspInfoField* /*info*/, int /*request*/, bool /*last*/) {}
+    virtual void OnRspQryPartAccount(CTulmQelcRspPartAccountField* /*account*/, CTulmQelcRspInfoField* /*info*/, int /*request*/, bool /*last*/) {}
+    virtual void OnRspQryOrder(CTulmQelcOrderField* /*order*/, CTulmQelcRspInfoField* /*info*/, int /*request*/, bool /*last*/) {}
+    virtual void OnRspQryQuote(CTulmQelcQuoteField* /*quote*/, CTulmQelcRspInfoField* /*info*/, int /*request*/, bool /*last*/) {}
+    virtual void OnRspQryTrade(CTulmQelcTradeField* /*trade*/, CTulmQelcRspInfoField* /*info*/, int /*request*/, bool /*last*/) {}
+    virtual void OnRspQryClient(CTulmQelcRspClientField* /*client*/, CTulmQelcRspInfoField* /*info*/, int /*request*/, bool /*last*/) {}
+    virtual void OnRspQryPartPosition(CTulmQelcRspPartPositionField* /*position*/, CTulmQelcRspInfoField* /*info*/, int /*request*/, bool /*last*/) {}
+    virtual void OnRspQryClientPosition(CTulmQelcRspClientPositionField* /*position*/, CTulmQelcRspInfoField* /*info*/, int /*request*/, bool /*last*/) {}
+    virtual void OnRspQryInstrument(CTulmQelcRspInstrumentField* /*instrument*/, CTulmQelcRspInfoField* /*info*/, int /*request*/, bool /*last*/) {}
+    virtual void OnRspQryInstrumentStatus(CTulmQelcInstrumentStatusField* /*status*/, CTulmQelcRspInfoField* /*info*/, int /*request*/, bool /*last*/) {}
+    virtual void OnRspQryHedgeVolume(CTulmQelcHedgeVolumeField* /*volume*/, CTulmQelcRspInfoField* /*info*/, int /*request*/, bool /*last*/) {}
+    virtual void OnRspQryExecOrder(CTulmQelcExecOrderField* /*order*/, CTulmQelcRspInfoField* /*info*/, int /*request*/, bool /*last*/) {}
+    virtual void OnRspQryAbandonExecOrder(CTulmQelcAbandonExecOrderField* /*order*/, CTulmQelcRspInfoField* /*info*/, int /*request*/, bool /*last*/) {}
+    virtual void OnRspQryMarketData(CTulmQelcMarketDataField* /*data*/, CTulmQelcRspInfoField* /*info*/, int /*request*/, bool /*last*/) {}
+    virtual void OnRspQryBulletin(CTulmQelcBulletinField* /*bulletin*/, CTulmQelcRspInfoField* /*info*/, int /*request*/, bool /*last*/) {}
+    virtual void OnRspQryTopic(CTulmQelcDisseminationField* /*topic*/, CTulmQelcRspInfoField* /*info*/, int /*request*/, bool /*last*/) {}
+    virtual void OnRtnTrade(CTulmQelcTradeField* /*trade*/) {}
+    virtual void OnRtnOrder(CTulmQelcOrderField* /*order*/) {}
+    virtual void OnRtnExecOrder(CTulmQelcExecOrderField* /*order*/) {}
+    virtual void OnRtnQuote(CTulmQelcQuoteField* /*quote*/) {}
+    virtual void OnRtnAbandonExecOrder(CTulmQelcAbandonExecOrderField* /*order*/) {}
+    virtual void OnRtnInstrumentStatus(CTulmQelcInstrumentStatusField* /*status*/) {}
+    virtual void OnRtnInsInstrument(CTulmQelcInstrumentField* /*instrument*/) {}
+    virtual void OnRtnFlowMessageCancel(CTulmQelcFlowMessageCancelField* /*cancel*/) {}
+    virtual void OnRtnBulletin(CTulmQelcBulletinField* /*bulletin*/) {}
+    virtual void OnErrRtnOrderInsert(CTulmQelcInputOrderField* /*order*/, CTulmQelcRspInfoField* /*info*/) {}
+    virtual void OnErrRtnOrderAction(CTulmQelcOrderActionField* /*action*/, CTulmQelcRspInfoField* /*info*/) {}
+    virtual void OnErrRtnQuoteInsert(CTulmQelcInputQuoteField* /*quote*/, CTulmQelcRspInfoField* /*info*/) {}
+    virtual void OnErrRtnQuoteAction(CTulmQelcQuoteActionField* /*action*/, CTulmQelcRspInfoField* /*info*/) {}
+    virtual void OnErrRtnExecOrderInsert(CTulmQelcInputExecOrderField* /*order*/, CTulmQelcRspInfoField* /*info*/) {}
+    virtual void OnErrRtnExecOrderAction(CTulmQelcExecOrderActionField* /*action*/, CTulmQelcRspInfoField* /*info*/) {}
+    virtual void OnErrRtnAbandonExecOrderInsert(CTulmQelcInputAbandonExecOrderField* /*order*/, CTulmQelcRspInfoField* /*info*/) {}
+    virtual void OnErrRtnAbandonExecOrderAction(CTulmQelcAbandonExecOrderActionField* /*action*/, CTulmQelcRspInfoField* /*info*/) {}
+    virtual void OnRtnQuoteDemandNotify(CTulmQelcQuoteDemandNotifyField* /*notify*/) {}
+    virtual void OnRspQryExchangeRate(CTulmQelcRspExchangeRateField* /*rate*/, CTulmQelcRspInfoField* /*info*/, int /*request*/, bool /*last*/) {}
+    virtual void OnRspOptionSelfCloseUpdate(CTulmQelcInputOptionSelfCloseField* /*update*/, CTulmQelcRspInfoField* /*info*/, int /*request*/, bool /*last*/) {}
+    virtual void OnErrRtnOptionSelfCloseUpdate(CTulmQelcInputOptionSelfCloseField* /*update*/, CTulmQelcRspInfoField* /*info*/) {}
+    virtual void OnRtnOptionSelfCloseUpdate(CTulmQelcOptionSelfCloseField* /*self_close*/) {}
+    virtual void OnRspOptionSelfCloseAction(CTulmQelcOptionSelfCloseActionField* /*action*/, CTulmQelcRspInfoField* /*info*/, int /*request*/, bool /*last*/) {}
+    virtual void OnErrRtnOptionSelfCloseAction(CTulmQelcOptionSelfCloseActionField* /*action*/, CTulmQelcRspInfoField* /*info*/) {}
+    virtual void OnRspQryOptionSelfClose(CTulmQelcOptionSelfCloseField* /*self_close*/, CTulmQelcRspInfoField* /*info*/, int /*request*/, bool /*last*/) {}
+    virtual void OnRspAuthenticate(CTulmQelcProductAuthField* /*auth*/, CTulmQelcRspInfoField* /*info*/, int /*request*/, bool /*last*/) {}
     // Behind the last slot so the slots above keep their order.
     virtual ~CTulmQelcTraderSpi() {}
 };

@@ -43,6 +43,7 @@ class FdReactor;
 }
 namespace Network {
 class QelcBondClientSession;
+class QelcClientSession;
 }
 struct QelRspInfoField;
 struct QelUserapiAuthenticInfoField;
@@ -188,12 +189,45 @@ private:
     // struct form into reply_buffers[buffer], ends every text member with a
     // zero and returns the buffer; otherwise null.
     void* take_record(unsigned short id, const Base::FieldDesc* desc, int buffer);
+    // The same for the record the iterator stands on.
+    void* decode_record(const Base::FieldDesc* desc, int buffer);
+  public:
+    struct DispatchEntry;  // one row of the packet table
+  private:
+    // Decodes the header of a stored frame into `packet` and attaches the
+    // iterator to its body; false when the frame can't hold the headers.
+    bool open_frame(const void* data, unsigned short size);
+    void dispatch(const DispatchEntry* entry, CTulmQelcTraderSpi* callback);
+    void dispatch_rsp_error(const DispatchEntry* entry, CTulmQelcTraderSpi* callback);
+    void dispatch_reply(const DispatchEntry* entry, CTulmQelcTraderSpi* callback);
+    void dispatch_return(const DispatchEntry* entry, CTulmQelcTraderSpi* callback);
+    void dispatch_return_many(const DispatchEntry* entry, CTulmQelcTraderSpi* callback);
+    void dispatch_query(const DispatchEntry* entry, CTulmQelcTraderSpi* callback);
+    // One more answer on a gate, never past its `sent`.
+    void count_answer(FluxValue* flux);
 
     // ---- connection events, tick, trade.con, topic resume (traderesume.cpp) ----
     void read_resume();                          // Init: open and read trade.con
     unsigned long resume_start_id(int topic) const;
     void save_resume();                          // write trade.con now
     void on_intl_rtn_dissemination();
+    void parse_resume();
+    int build_resume_text();
+    void make_resume_path(char* path) const;     // 256 bytes
+    void reset_connection();                     // under api_mutex
+    void warn_heartbeat(Network::QelcClientSession* current);
+    // The members of topic 2, 3 or 5; null for any other topic.
+    Network::QelcFlow** topic_flow(int topic);
+    TE_RESUME_TYPE* topic_resume(int topic);
+    bool* topic_pending(int topic);
+    // (topic, position) pairs of trade.con as read by Init.
+    struct ResumePair {
+        unsigned short topic;
+        unsigned int sequence;
+    };
+    ResumePair resume_pairs[3] = {};
+    // Tests reach the reactor-thread state through this class.
+    friend class TradeApiProbe;
 
     // ---- logs (tradelog.cpp) ----
     void swap_response_log(FILE* file);

@@ -23,21 +23,13 @@ unsigned int clamp(unsigned int v, unsigned int low, unsigned int high) {
     return v < low ? low : (v > high ? high : v);
 }
 
-// Lets every event already queued for handler run (or be ignored) before
-// its owner goes away: a forced event holds a raw pointer to its handler.
-// From another thread a blocking no-op event is a barrier behind them. On
-// the reactor thread itself (a destructor run from an event or a timer)
-// the queue is run here, re-entrantly, until it is empty; bounded, in case
-// handlers keep posting.
-void drain_events(Parallel::FdReactor* reactor, Parallel::Handler* handler) {
-    if (!reactor->is_current()) {
-        Base::Sign sign(0);
-        reactor->add_event(EVENT_SESSION_FLUSH, nullptr, &sign, handler, false);
-        sign.join();
-        return;
-    }
-    for (int round = 0; round < 512 && reactor->event_proc(); ++round) {
-    }
+// Drops what is still queued for a session and its channel before they are
+// freed: a forced event holds a raw pointer to its handler, and an own
+// event of the fd reactor to its descriptor. Nothing queued runs here: a
+// destructor never re-enters the event loop.
+void forget_events(Parallel::FdReactor* reactor, Parallel::Handler* handler, Channel* channel) {
+    reactor->cancel_events(handler);
+    if (channel) reactor->cancel_events_about(static_cast<Parallel::Fd*>(channel));
 }
 
 }  // namespace
@@ -69,7 +61,7 @@ QelcClientSession::~QelcClientSession() {
     reactor->remove_timer(connect_timer);
     reactor->remove_timer(buffer_timer);
     channel->close(REASON_CLOSED);
-    drain_events(reactor, this);
+    forget_events(reactor, this, channel);
     delete channel;
 }
 
@@ -226,6 +218,7 @@ QelcBondClientSession::QelcBondClientSession(Parallel::FdReactor* r, ClientSessi
       current(-1),
       fens_index(-1),
       connect_period(QelcClientSession::CONNECT_PERIOD),
+      retired_count(0),
       destroying(false) {
     memset(front_hosts, 0, sizeof(front_hosts));
     memset(front_ports, 0, sizeof(front_ports));
@@ -239,11 +232,17 @@ QelcBondClientSession::QelcBondClientSession(Parallel::FdReactor* r, ClientSessi
 QelcBondClientSession::~QelcBondClientSession() {
     destroying.store(true, std::memory_order_release);
     reactor->remove_timer(fens_timer);
-    drain_events(reactor, this);
+    forget_events(reactor, this, nullptr);
+    delete_retired();
     for (int i = 0; i < MAX_FRONTS && sessions[i]; ++i) {
         delete sessions[i];
         sessions[i] = nullptr;
     }
+}
+
+void QelcBondClientSession::delete_retired() {
+    for (int i = 0; i < retired_count; ++i) delete retired[i];
+    retired_count = 0;
 }
 
 void QelcBondClientSession::set_periods(int fens_us, int connect_us) {
@@ -325,10 +324,15 @@ Channel* QelcBondClientSession::get_channel() {
     return child ? child->get_channel() : nullptr;
 }
 
+// A child to throw away is freed later, from a forced event of this
+// session: the call that retires it may have come up through the child.
 void QelcBondClientSession::retire_child(QelcClientSession* child, bool destroy) {
     if (child->get_port() != 0) reactor->disable_timer(child->get_connect_timer());
     if (child->get_client_channel()->is_valid()) child->get_client_channel()->close(REASON_CLOSED);
-    if (destroy) delete child;
+    if (!destroy) return;
+    if (retired_count == 0)
+        reactor->add_event(EVENT_DELETE_RETIRED, nullptr, nullptr, this, true);
+    retired[retired_count++] = child;
 }
 
 void QelcBondClientSession::on_connect_failed(ClientSession* failed) {
@@ -385,6 +389,7 @@ void QelcBondClientSession::post_retry() {
 }
 
 int QelcBondClientSession::on_event(int id, void*) {
+    if (id == EVENT_DELETE_RETIRED) delete_retired();
     if (id != EVENT_BOND_RETRY || destroying.load(std::memory_order_acquire)) return 0;
     Channel* channel = get_channel();
     if (channel && channel->get_id() > 0) return 0;
@@ -449,13 +454,15 @@ QelcServerSession::QelcServerSession(Parallel::FdReactor* r, ServerSession* pare
 
 QelcServerSession::~QelcServerSession() {
     // No new client comes once the listener is gone.
+    channel->close(REASON_CLOSED);
+    reactor->cancel_events_about(static_cast<Parallel::Fd*>(channel));
     delete channel;
     channel = nullptr;
     Base::Sign sign(0);
     reactor->add_event(EVENT_DESTROY_CLIENTS, nullptr, &sign, this, false);
     sign.join();
-    // A lost client's 1012 may still be queued; it finds the list empty.
-    drain_events(reactor, this);
+    // A lost client's 1012 may still be queued; it is dropped.
+    forget_events(reactor, this, nullptr);
     delete clients;
 }
 

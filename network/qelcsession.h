@@ -8,13 +8,15 @@
 // parent decides (on_connect_failed). A session without an address (an
 // accepted connection) posts event 1012 to its owner's handler instead, and
 // is destroyed there. Events 1012 and 1014 are posted forced, so that they
-// run at the reactor's next pass and never inside the channel's close.
+// run at the reactor's next pass and never inside the channel's close. A
+// session going away drops the events still queued for it and its channel.
 //
 // Network::QelcBondClientSession: fail-over over up to 256 fronts, one
 // child session each, tried one at a time, round robin; with name servers
 // ("fens") registered, a used-up list is thrown away and a name server is
 // asked for a fresh one: connecting is the request, and the answer is plain
-// text, one URI per line.
+// text, one URI per line. Children of a used-up list are freed by a forced
+// event (1017) of the bond, never inside the call that retires them.
 //
 // Network::QelcServerSession listens on one address and gives each accepted
 // connection its own QelcClientSession bound to the server's flows;
@@ -53,7 +55,7 @@ enum : int {
     EVENT_DESTROY_CLIENTS = 1013,
     EVENT_RECHECK = 1014,
     EVENT_BOND_RETRY = 1015,
-    EVENT_SESSION_FLUSH = 1016,  // no-op: a queue barrier for destructors
+    EVENT_DELETE_RETIRED = 1017,
 };
 
 enum : int {
@@ -166,6 +168,7 @@ private:
     QelcClientSession* make_child(int i);
     void start_child(int i);
     void retire_child(QelcClientSession* child, bool destroy);
+    void delete_retired();
     void ask_fens();
     void post_retry();
 
@@ -181,6 +184,8 @@ private:
     Base::Uri uri;
     char fens_buffer[8192];
     int connect_period;
+    QelcClientSession* retired[MAX_FRONTS];  // thrown away, freed by event 1017
+    int retired_count;
     std::atomic<bool> destroying;
 };
 

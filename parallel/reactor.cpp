@@ -17,14 +17,6 @@ namespace {
 
 bool notify_enhanced() { return Base::g_enable_notify_enhance; }
 
-// One posted event; recycled through the event pool.
-struct Event {
-    int id;
-    Handler* handler;
-    void* data;
-    Base::Sign* sign;
-};
-
 // A timer heap entry; the heap keeps the earliest due time on top.
 struct TimerEntry {
     Timer* timer;
@@ -47,6 +39,15 @@ bool heap_empty(Base::Heap* heap) { return heap->get_size() == 0; }
 TimerEntry* heap_top(Base::Heap* heap) { return static_cast<TimerEntry*>(heap->top()); }
 
 }  // namespace
+
+// One posted event; recycled through the event pool.
+struct EventThread::Event {
+    int id;
+    Handler* handler;
+    void* data;
+    Base::Sign* sign;
+    uint64_t stamp;  // from post_count, for cancel_events
+};
 
 Handler::Handler() : prev(this), next(this), last_active(0), notify_enabled(0) {}
 
@@ -86,7 +87,8 @@ EventThread::EventThread(const char* name)
       now(0),
       notify_sign(new NotifySign(this)),
       event_queue(new Base::LFQueue(1024)),
-      event_pool(new Base::LFStack(1024)) {}
+      event_pool(new Base::LFStack(1024)),
+      post_count(0) {}
 
 EventThread::~EventThread() {
     while (Event* event = static_cast<Event*>(event_pool->pop())) delete event;
@@ -116,6 +118,7 @@ void EventThread::add_event(int id, void* data, Base::Sign* sign, Handler* handl
     event->handler = handler;
     event->data = data;
     event->sign = sign;
+    event->stamp = post_count.fetch_add(1, std::memory_order_relaxed);
     event_queue->push(event);
     // Without a sign nobody waits: the next pass picks the event up.
     if (sign) wakeup(true);
@@ -134,16 +137,80 @@ bool EventThread::event_proc() {
     while (true) {
         Event* event = static_cast<Event*>(event_queue->pop());
         if (!event) return handled > 0;
-        if (event->handler)
-            event->handler->on_event(event->id, event->data);
-        else
-            on_event(event->id, event->data);
+        run_event(event);
         // Only now, after the event ran, is a blocked poster released.
         if (event->sign) event->sign->set();
         event_pool->push(event);
         if (++handled >= EVENTS_PER_PASS) return true;
         if (event_queue->is_empty()) return true;
     }
+}
+
+void EventThread::run_event(Event* event) {
+    Handler* handler = event->handler;
+    if (!handler && event->id == EVENT_CANCEL_HANDLER)
+        cancel_here(event->data, false);
+    else if (!handler && event->id == EVENT_CANCEL_DATA)
+        cancel_here(event->data, true);
+    else if (!handler && event->id == EVENT_CANCEL_END)
+        end_cancel(event->stamp);
+    else if (!cancels.empty() && is_cancelled(event))
+        return;  // what it names is gone: only the poster is released
+    else if (handler)
+        handler->on_event(event->id, event->data);
+    else
+        on_event(event->id, event->data);
+}
+
+void EventThread::cancel_events(Handler* handler) { cancel(handler, false); }
+
+void EventThread::cancel_events_about(const void* data) { cancel(data, true); }
+
+void EventThread::cancel(const void* target, bool own) {
+    if (is_current()) {
+        cancel_here(target, own);
+        return;
+    }
+    // Every event queued before this one runs first, as the queue is FIFO;
+    // the note only covers those posted concurrently with it.
+    Base::Sign done(0);
+    add_event(own ? EVENT_CANCEL_DATA : EVENT_CANCEL_HANDLER, const_cast<void*>(target), &done,
+              nullptr, true);
+    done.join();
+}
+
+// The cut is the stamp of an end mark queued behind every event stamped
+// before it; when that mark comes up the note has done its work. Stamps are
+// unique, so the cut names the note.
+void EventThread::cancel_here(const void* target, bool own) {
+    if (event_queue->is_empty()) return;  // nothing queued can name it
+    Event* mark = nullptr;
+    if (!event_pool->is_empty()) mark = static_cast<Event*>(event_pool->pop());
+    if (!mark) mark = new Event();
+    mark->id = EVENT_CANCEL_END;
+    mark->handler = nullptr;
+    mark->data = nullptr;
+    mark->sign = nullptr;
+    mark->stamp = post_count.fetch_add(1, std::memory_order_relaxed);
+    cancels.push_back(Cancel{target, own, mark->stamp});
+    event_queue->push(mark);
+}
+
+void EventThread::end_cancel(uint64_t cut) {
+    for (size_t i = 0; i < cancels.size(); ++i) {
+        if (cancels[i].cut == cut) {
+            cancels.erase(cancels.begin() + long(i));
+            return;
+        }
+    }
+}
+
+bool EventThread::is_cancelled(const Event* event) const {
+    const void* named = event->handler ? static_cast<const void*>(event->handler) : event->data;
+    bool own = event->handler == nullptr;
+    for (const Cancel& c : cancels)
+        if (c.own == own && c.target == named && event->stamp < c.cut) return true;
+    return false;
 }
 
 // ---- Reactor ----

@@ -17,6 +17,10 @@
 // seq, and a heap entry whose seq no longer matches its timer is dropped
 // when it comes up.
 //
+// A handler that goes away while events for it are still queued calls
+// cancel_events first: those events are then dropped when they come up
+// (their posters' signs are still set), and the loop is never re-entered.
+//
 // Base::g_enable_notify_enhance (base/switches.h) selects the enhanced mode: wake-ups are rate
 // limited, the loop spins until busy_until, and quiet notified handlers are
 // parked behind handler_end until their HandlerNotify brings them back.
@@ -24,6 +28,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <vector>
 
 #include "flow/notify.h"
 #include "parallel/thread.h"
@@ -58,6 +63,9 @@ enum : int {
     EVENT_ENABLE_HANDLER = 18,
     EVENT_DISABLE_HANDLER = 19,
     EVENT_NOTIFY = 20,
+    EVENT_CANCEL_HANDLER = 31,  // cancel_events from another thread
+    EVENT_CANCEL_DATA = 32,     // cancel_events_about from another thread
+    EVENT_CANCEL_END = 33,      // every event a cancel covers has come up
 };
 
 // Something the reactor polls (on_invoke), or hands events and timers to.
@@ -104,6 +112,18 @@ public:
 
     bool event_proc();  // the loop's share of events; true if any ran
 
+    // Once it returns, no event queued for handler before the call runs any
+    // more; they are dropped when they come up (a poster's sign is still
+    // set). On the event thread it returns at once; from another thread it
+    // waits until the event thread has come to it (the thread must be
+    // running), and the events queued ahead of it have run by then.
+    // Afterwards handler may be freed; a new handler at the same address
+    // gets what is posted to it from then on.
+    void cancel_events(Handler* handler);
+    // The same for the thread's own events (posted with no handler) whose
+    // data is the given object, such as a descriptor about to be freed.
+    void cancel_events_about(const void* data);
+
     uint64_t get_busy_until() const { return busy_until.load(std::memory_order_relaxed); }
 
     class NotifySign;
@@ -116,6 +136,24 @@ protected:
     NotifySign* notify_sign;
     Base::LFQueue* event_queue;
     Base::LFStack* event_pool;
+
+private:
+    struct Cancel {
+        const void* target;  // a handler, or the data of an own event
+        bool own;            // target is data
+        uint64_t cut;        // events stamped below it are dropped
+    };
+    struct Event;
+    void run_event(Event* event);
+    bool is_cancelled(const Event* event) const;
+    void cancel(const void* target, bool own);
+    void cancel_here(const void* target, bool own);
+    void end_cancel(uint64_t cut);
+
+    // Stamps every queued event. Only its modification order matters: a post
+    // that happens before a cancel gets a lower stamp than the cancel's cut.
+    std::atomic<uint64_t> post_count;
+    std::vector<Cancel> cancels;  // event thread only
 };
 
 class Reactor : public EventThread {

@@ -19,7 +19,7 @@ int main() {
     return api->RegisterFront(\"tcp://127.0.0.1:17001\");
 }
 ")
-execute_process(COMMAND c++ -std=c++17 -Wall -Werror -fsyntax-only -I${dir} ${dir}/app.cpp
+execute_process(COMMAND c++ -std=c++17 -Wall -Wextra -Werror -pedantic -fsyntax-only -I${dir} ${dir}/app.cpp
   RESULT_VARIABLE status ERROR_VARIABLE errors)
 if(NOT status EQUAL 0)
   message(FATAL_ERROR "public headers do not compile alone:\n${errors}")

@@ -284,3 +284,22 @@ TEST(QelcSessions, AcceptedDescriptorHandedOverByEvent) {
     }
     delete down;
 }
+
+// A session freed on the reactor thread with events still queued for it and
+// for others: the destructor runs none of them (another handler's event
+// could free what the caller still stands on), and the session's own are
+// dropped, never run on freed memory (ASan).
+TEST(QelcSessions, DestructorRunsNoQueuedEvent) {
+    Reactor reactor;
+    std::atomic<int> ran{0};
+    Call other;
+    other.fn = [&] { ran.fetch_add(1); };
+    run_on(reactor.get(), [&] {
+        auto* session = new QelcClientSession(reactor.get(), nullptr, nullptr, nullptr, 1);
+        reactor->add_event(1001, nullptr, nullptr, &other, true);
+        reactor->add_event(Network::EVENT_RECHECK, nullptr, nullptr, session, true);
+        delete session;
+        EXPECT_EQ(ran.load(), 0) << "the destructor ran another handler's event";
+    });
+    ASSERT_TRUE(wait_until([&] { return ran.load() == 1; }));
+}
