@@ -197,8 +197,6 @@ private:
     // A topic's position in a login: its count, or -1 while resuming from now.
     void add_topic_position(Network::QelcPacket* out, short topic, bool pending, Base::DataFlow* flow,
                             TE_RESUME_TYPE resume);
-    // One reply more on trade_flux, never past what was sent.
-    void count_trade_answer();
     friend struct LoginProbe;  // tests drive the login steps directly
 
     // ---- inbound dispatch (tradedispatch.cpp) ----
