@@ -140,7 +140,8 @@ int TradeApi::Init() {
     Parallel::FdReactor* used = given_reactor;
     if (used == nullptr) {
         used = new Parallel::FdReactor(nullptr);
-        // QEL_BUSY_POLL: the opt-in busy-poll mode of the own reactor is switched on here.
+        // Opt-in: QEL_BUSY_POLL=<cpu> pins the own reactor there, polling without naps.
+        used->set_busy_poll(Parallel::busy_poll_cpu());
     }
     // Release: the configuration calls of other threads see a started
     // object from here on and answer -10.
@@ -286,6 +287,12 @@ int TradeApi::Release() {
 int TradeApi::Join() {
     Parallel::FdReactor* used = reactor.load(std::memory_order_acquire);
     if (used != nullptr && used->is_running() && used->is_current()) return -5;
+    // A trader that never started has nothing to wait for: Release refused
+    // it with -9 and will never set the sign, so waiting would hang for ever.
+    if (used == nullptr) {
+        delete this;
+        return 0;
+    }
     release_sign.join();
     if (given_reactor == nullptr && used != nullptr) {
         if (reactor_unjoined) used->join();

@@ -149,6 +149,14 @@ TEST(TradeApi, ConfigurationIsRefusedAfterInit) {
     EXPECT_EQ(api->Join(), 0);
 }
 
+TEST(TradeApi, JoinFreesATraderThatNeverStarted) {
+    // Release refuses before Init and never sets the sign; Join must not
+    // wait for it (ASan sees the object freed).
+    auto* api = new Api::TradeApi(temp_dir().c_str(), nullptr);
+    EXPECT_EQ(api->Release(), -9);
+    EXPECT_EQ(api->Join(), 0);
+}
+
 TEST(TradeApi, RequestsBeforeLoginAndBeforeInit) {
     Api::TradeApi api("./", nullptr);
     EXPECT_EQ(api.ReqOrderInsert(nullptr, 1), -1);
