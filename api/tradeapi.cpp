@@ -59,7 +59,8 @@ TradeApi::TradeApi(const char* path, Parallel::FdReactor* reactor_given)
       resume_file(nullptr),
       resume_file_length(0),
       release_sign(0),
-      released(false) {
+      released(false),
+      start_state(0) {
     Base::str_ncpy(sizeof(flow_path) - 1, flow_path, path);
     std::memset(fronts, 0, sizeof(fronts));
     std::memset(name_servers, 0, sizeof(name_servers));
@@ -136,7 +137,8 @@ int TradeApi::resolve_addresses(Resolved* out) {
 }
 
 int TradeApi::Init() {
-    if (reactor.load(std::memory_order_acquire) != nullptr) return -5;
+    int fresh = 0;
+    if (!start_state.compare_exchange_strong(fresh, 1, std::memory_order_acq_rel)) return -5;
     Parallel::FdReactor* used = given_reactor;
     if (used == nullptr) {
         used = new Parallel::FdReactor(nullptr);
@@ -181,6 +183,8 @@ int TradeApi::Init() {
         done.join();
     }
     delete addresses;
+    // Release: a Release on another thread that sees 2 finds the object whole.
+    start_state.store(2, std::memory_order_release);
     return 0;
 }
 
@@ -264,8 +268,9 @@ void TradeApi::teardown(bool stop_reactor) {
 // The own reactor's thread is joined here, but the reactor object lives on
 // until Join, so that Join can still ask it whether it runs the caller.
 int TradeApi::Release() {
-    Parallel::FdReactor* used = reactor.load(std::memory_order_acquire);
-    if (used == nullptr) return -9;
+    // Acquire pairs with Init's last store: everything Init built is visible.
+    if (start_state.load(std::memory_order_acquire) != 2) return -9;
+    Parallel::FdReactor* used = reactor.load(std::memory_order_relaxed);
     if (released.exchange(true, std::memory_order_acq_rel)) return -5;
     spi.store(nullptr, std::memory_order_release);
     if (used->is_current()) {

@@ -321,6 +321,9 @@ private:
 
     Base::Sign release_sign;  // set by Release, waited on by Join
     std::atomic<bool> released;
+    // 0 new, 1 Init running, 2 started: Init claims the object with one
+    // compare-and-swap, so two racing Inits start it once; Release waits for 2.
+    std::atomic<int> start_state;
     Base::Mutex api_mutex;    // the one lock of the request side
 };
 

@@ -157,6 +157,20 @@ TEST(TradeApi, JoinFreesATraderThatNeverStarted) {
     EXPECT_EQ(api->Join(), 0);
 }
 
+TEST(TradeApi, RacingInitsStartTheTraderOnce) {
+    // Two threads call Init at once: one starts the object, the other is
+    // told -5; nothing is built twice (ASan would see the leak).
+    auto* api = static_cast<Api::TradeApi*>(CTulmQelcTraderApi::CreateQelcTraderApi(temp_dir().c_str()));
+    int results[2] = {1, 1};
+    std::thread first([&] { results[0] = api->Init(); });
+    std::thread second([&] { results[1] = api->Init(); });
+    first.join();
+    second.join();
+    EXPECT_EQ(results[0] + results[1], -5);
+    EXPECT_EQ(api->Release(), 0);
+    EXPECT_EQ(api->Join(), 0);
+}
+
 TEST(TradeApi, RequestsBeforeLoginAndBeforeInit) {
     Api::TradeApi api("./", nullptr);
     EXPECT_EQ(api.ReqOrderInsert(nullptr, 1), -1);
