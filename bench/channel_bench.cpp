@@ -9,6 +9,11 @@
 // back into the client's flow; beside a TCP ping-pong of the same bytes.
 #include <benchmark/benchmark.h>
 
+#include <pthread.h>
+#include <sched.h>
+
+#include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <thread>
 
@@ -44,11 +49,35 @@ public:
     }
 };
 
+// A started fd reactor, busy-polling on busy_cpu when that is 0 or more.
+class BenchReactor {
+public:
+    explicit BenchReactor(int busy_cpu) : reactor(new Parallel::FdReactor(nullptr)) {
+        reactor->set_busy_poll(busy_cpu);
+        reactor->create(true, nullptr);
+    }
+    ~BenchReactor() {
+        reactor->stop();
+        reactor->join();
+        delete reactor;
+    }
+    Parallel::FdReactor* get() const { return reactor; }
+
+private:
+    Parallel::FdReactor* reactor;
+};
+
 struct Link {
-    explicit Link(unsigned char cipher, bool compress)
-        : server_owner_reactor(server_reactor.get()), owner(client_reactor.get()) {
+    // got_down_callback hears every frame that reaches the client.
+    Link(unsigned char cipher, bool compress, int client_cpu = -1, int server_cpu = -1,
+         Base::DataFlow::WriteCallback* got_down_callback = nullptr)
+        : server_reactor(server_cpu),
+          client_reactor(client_cpu),
+          server_owner_reactor(server_reactor.get()),
+          owner(client_reactor.get()) {
         down = make_flow(3);
-        got_down = make_flow(3);
+        got_down = new Network::QelcFlow(3, 0x100000, 0x100000, nullptr, got_down_callback, 0,
+                                         nullptr, false, false);
         up = make_flow(1);
         got_up = new Network::QelcFlow(1, 0x100000, 0x100000, nullptr, &echo, 0, nullptr, false, false);
         echo.writer = new Network::QelcFlow::Writer(down, false);
@@ -96,8 +125,8 @@ struct Link {
         std::atomic<int> created{0};
     };
 
-    Reactor server_reactor;
-    Reactor client_reactor;
+    BenchReactor server_reactor;
+    BenchReactor client_reactor;
     Setup server_owner_reactor;
     Owner owner;
     Echo echo;
@@ -153,22 +182,27 @@ struct TcpPair {
     int client;
 };
 
-void send_all(int fd, const char* data, size_t size) {
+bool send_all(int fd, const char* data, size_t size) {
     while (size) {
         ssize_t n = ::send(fd, data, size, MSG_NOSIGNAL);
-        if (n <= 0) return;
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
         data += n;
         size -= size_t(n);
     }
+    return true;
 }
 
-void recv_all(int fd, char* data, size_t size) {
+// False when the peer has closed (or on an error) before size bytes came.
+bool recv_all(int fd, char* data, size_t size) {
     while (size) {
         ssize_t n = ::recv(fd, data, size, 0);
-        if (n <= 0) return;
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
         data += n;
         size -= size_t(n);
     }
+    return true;
 }
 
 void BM_RawTcpStream(benchmark::State& state) {
@@ -176,13 +210,11 @@ void BM_RawTcpStream(benchmark::State& state) {
     std::string bytes;
     for (int i = 0; i < BATCH; ++i) bytes += data_frame(3, unsigned(i + 1), BODY, i);
     std::atomic<long> batches{0};
-    std::atomic<bool> stop{false};
+    // The reader ends at the end of the stream: a flag could be seen only
+    // after it had gone back to wait for bytes that never come.
     std::thread reader([&] {
         std::vector<char> buf(bytes.size());
-        while (!stop.load()) {
-            recv_all(pair.server.conn, buf.data(), buf.size());
-            batches.fetch_add(1);
-        }
+        while (recv_all(pair.server.conn, buf.data(), buf.size())) batches.fetch_add(1);
     });
     long target = 0;
     for (auto _ : state) {
@@ -190,8 +222,7 @@ void BM_RawTcpStream(benchmark::State& state) {
         ++target;
         nap_until([&] { return batches.load() >= target; });
     }
-    stop.store(true);
-    send_all(pair.client, bytes.data(), bytes.size());
+    ::shutdown(pair.client, SHUT_WR);
     reader.join();
     state.SetItemsProcessed(int64_t(state.iterations()) * BATCH);
     state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(bytes.size()));
@@ -213,12 +244,11 @@ BENCHMARK(BM_ChannelRoundTrip)->Iterations(20000)->UseRealTime();
 void BM_RawTcpPingPong(benchmark::State& state) {
     TcpPair pair;
     std::string frame = data_frame(1, 1, SMALL, 1);
-    std::atomic<bool> stop{false};
+    // The echo ends when the client closes its side, whatever it was doing.
     std::thread echo([&] {
         std::vector<char> buf(frame.size());
-        while (!stop.load()) {
-            recv_all(pair.server.conn, buf.data(), buf.size());
-            send_all(pair.server.conn, buf.data(), buf.size());
+        while (recv_all(pair.server.conn, buf.data(), buf.size()) &&
+               send_all(pair.server.conn, buf.data(), buf.size())) {
         }
     });
     std::vector<char> back(frame.size());
@@ -226,13 +256,107 @@ void BM_RawTcpPingPong(benchmark::State& state) {
         send_all(pair.client, frame.data(), frame.size());
         recv_all(pair.client, back.data(), back.size());
     }
-    stop.store(true);
-    send_all(pair.client, frame.data(), frame.size());
-    recv_all(pair.client, back.data(), back.size());
+    ::shutdown(pair.client, SHUT_WR);
     echo.join();
     state.SetItemsProcessed(int64_t(state.iterations()));
 }
 BENCHMARK(BM_RawTcpPingPong)->Iterations(20000)->UseRealTime();
+
+// Both ends busy-polling, client on CPU 0 and server on CPU 1 (the two
+// peers below use the same placement). The client reactor itself writes
+// each next ping when the reply lands in its flow, so no third thread sits
+// in the loop; the benchmark thread only waits for the count. The reply
+// that lands starts the next ping: items/s is round trips per second.
+const int BUSY_ROUND_TRIPS = 20000;
+
+int cpu_or_none(int cpu) { return int(std::thread::hardware_concurrency()) > cpu ? cpu : -1; }
+
+void pin(int cpu) {
+    if (cpu < 0) return;
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(cpu, &set);
+    pthread_setaffinity_np(pthread_self(), sizeof(set), &set);
+}
+
+class Pinger : public Base::DataFlow::WriteCallback {
+public:
+    Network::QelcFlow* up = nullptr;
+    std::atomic<long> replies{0};
+    std::atomic<long> target{0};
+    void on_write(unsigned long, const void*, unsigned short) override {
+        long n = replies.fetch_add(1) + 1;
+        if (n < target.load()) write_frames(up, 1, SMALL);
+    }
+};
+
+void channel_round_trips(benchmark::State& state, bool busy) {
+    Pinger pinger;
+    Link link(0, false, busy ? cpu_or_none(0) : -1, busy ? cpu_or_none(1) : -1, &pinger);
+    pinger.up = link.up;
+    long done = 0;
+    for (auto _ : state) {
+        // The previous run has ended (count reached): nobody else writes up.
+        pinger.target.store(done + BUSY_ROUND_TRIPS);
+        write_frames(link.up, 1, SMALL);
+        done += BUSY_ROUND_TRIPS;
+        nap_until([&] { return pinger.replies.load() >= done; });
+    }
+    state.SetItemsProcessed(done);
+}
+
+void BM_ChannelRoundTripBusyPoll(benchmark::State& state) { channel_round_trips(state, true); }
+void BM_ChannelRoundTripNapping(benchmark::State& state) { channel_round_trips(state, false); }
+BENCHMARK(BM_ChannelRoundTripBusyPoll)->Iterations(3)->UseRealTime();
+BENCHMARK(BM_ChannelRoundTripNapping)->Iterations(3)->UseRealTime();
+
+// The raw peer: a client thread on CPU 0 and an echo thread on CPU 1, both
+// spinning on non-blocking reads.
+bool spin_recv(int fd, char* data, size_t size) {
+    while (size) {
+        ssize_t n = ::recv(fd, data, size, MSG_DONTWAIT);
+        if (n == 0) return false;
+        if (n < 0) {
+            if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) continue;
+            return false;
+        }
+        data += n;
+        size -= size_t(n);
+    }
+    return true;
+}
+
+void BM_RawTcpBusyPingPong(benchmark::State& state) {
+    TcpPair pair;
+    std::string frame = data_frame(1, 1, SMALL, 1);
+    std::thread echo([&] {
+        pin(cpu_or_none(1));
+        std::vector<char> buf(frame.size());
+        while (spin_recv(pair.server.conn, buf.data(), buf.size()) &&
+               send_all(pair.server.conn, buf.data(), buf.size())) {
+        }
+    });
+    std::atomic<long> finished{0};
+    long done = 0;
+    for (auto _ : state) {
+        std::thread client([&] {
+            pin(cpu_or_none(0));
+            std::vector<char> back(frame.size());
+            for (int i = 0; i < BUSY_ROUND_TRIPS; ++i) {
+                send_all(pair.client, frame.data(), frame.size());
+                spin_recv(pair.client, back.data(), back.size());
+            }
+            finished.fetch_add(BUSY_ROUND_TRIPS);
+        });
+        done += BUSY_ROUND_TRIPS;
+        nap_until([&] { return finished.load() >= done; });
+        client.join();
+    }
+    ::shutdown(pair.client, SHUT_WR);
+    echo.join();
+    state.SetItemsProcessed(done);
+}
+BENCHMARK(BM_RawTcpBusyPingPong)->Iterations(3)->UseRealTime();
 
 }  // namespace
 

@@ -6,9 +6,12 @@
 // Latency: the writer stamps a record with the monotonic clock, publishes
 // it, and waits until the reader has taken it before the next; the reader
 // takes the difference. Median and 99th percentile are in nanoseconds.
+// Paced latency: the writer sends one stamped record every 2 us without
+// waiting for the reader, as a feed does; the reader takes the difference.
 #include <benchmark/benchmark.h>
 #include <pthread.h>
 #include <sched.h>
+#include <sys/resource.h>
 #include <time.h>
 
 #include <algorithm>
@@ -28,6 +31,8 @@ namespace {
 
 const long BATCH = 1 << 20;
 const int LATENCY_SAMPLES = 50000;
+const int PACED_SAMPLES = 200000;
+const long PACE_NS = 2000;
 
 // Writer on CPU 0, reader on CPU 1 in every run, so that all peers cross
 // the same distance between cores.
@@ -50,6 +55,19 @@ struct Payload {
     long stamp;
     char bytes[N - sizeof(long)];
 };
+
+// Minor page faults of the process so far: first touches of fresh memory.
+long minor_faults() {
+    rusage usage;
+    getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_minflt;
+}
+
+void report_faults(benchmark::State& state, long since, long records) {
+    if (records > 0)
+        state.counters["faults_per_M"] =
+            static_cast<double>(minor_faults() - since) * 1e6 / static_cast<double>(records);
+}
 
 void report_latency(benchmark::State& state, std::vector<long>& samples) {
     std::sort(samples.begin(), samples.end());
@@ -82,6 +100,7 @@ void BM_DataFlowThroughput(benchmark::State& state) {
     std::memset(&payload, 7, sizeof(payload));
     long written = 0;
     pin(0);
+    long faults = minor_faults();
     for (auto _ : state) {
         target.store(written + BATCH);
         for (long i = 0; i < BATCH; i++) {
@@ -96,6 +115,7 @@ void BM_DataFlowThroughput(benchmark::State& state) {
     stop = true;
     reader.join();
     benchmark::DoNotOptimize(checksum);
+    report_faults(state, faults, written);
     state.SetItemsProcessed(written);
 }
 
@@ -105,7 +125,8 @@ void BM_DataFlowLatency(benchmark::State& state) {
     std::atomic<long> taken{0};
     std::atomic<bool> stop{false};
     std::vector<long> samples;
-    samples.reserve(LATENCY_SAMPLES * 4);
+    samples.resize(LATENCY_SAMPLES * 4);  // touched now, not while measuring
+    samples.clear();
     std::thread reader([&] {
         pin(1);
         Base::DataFlow::Iterator it(&flow, nullptr, nullptr, nullptr);
@@ -123,6 +144,7 @@ void BM_DataFlowLatency(benchmark::State& state) {
     std::memset(&payload, 7, sizeof(payload));
     long sent = 0;
     pin(0);
+    long faults = minor_faults();
     for (auto _ : state) {
         for (int i = 0; i < LATENCY_SAMPLES; i++) {
             payload.stamp = now_ns();
@@ -137,6 +159,56 @@ void BM_DataFlowLatency(benchmark::State& state) {
     stop = true;
     reader.join();
     report_latency(state, samples);
+    report_faults(state, faults, sent);
+    state.SetItemsProcessed(sent);
+}
+
+template <int N>
+void BM_DataFlowPaced(benchmark::State& state) {
+    Base::DataFlow flow(1, 0, 0, nullptr, nullptr, 0, nullptr, true, false);
+    std::atomic<long> target{-1};
+    std::atomic<bool> stop{false};
+    std::vector<long> samples;
+    samples.resize(PACED_SAMPLES * 2);  // touched now, not while measuring
+    samples.clear();
+    std::thread reader([&] {
+        pin(1);
+        Base::DataFlow::Iterator it(&flow, nullptr, nullptr, nullptr);
+        long seen = 0;
+        while (!stop.load(std::memory_order_relaxed)) {
+            const Base::DataFlow::Item* item = it.next();
+            if (!item) continue;
+            long stamp;
+            std::memcpy(&stamp, item->data, sizeof(stamp));
+            samples.push_back(now_ns() - stamp);
+            if (++seen == target.load(std::memory_order_relaxed)) target.store(-seen);
+        }
+    });
+    Payload<N> payload;
+    std::memset(&payload, 7, sizeof(payload));
+    long sent = 0;
+    pin(0);
+    long faults = minor_faults();
+    for (auto _ : state) {
+        target.store(sent + PACED_SAMPLES);
+        long next = now_ns();
+        for (int i = 0; i < PACED_SAMPLES; i++) {
+            while (now_ns() < next) {
+            }
+            next += PACE_NS;
+            payload.stamp = now_ns();
+            char* room = flow.alloc_object(N);
+            std::memcpy(room, &payload, N);
+            flow.commit_object(N, false);
+        }
+        sent += PACED_SAMPLES;
+        while (target.load() != -sent) {
+        }
+    }
+    stop = true;
+    reader.join();
+    report_latency(state, samples);
+    report_faults(state, faults, sent);
     state.SetItemsProcessed(sent);
 }
 
@@ -167,6 +239,7 @@ void BM_SpscThroughput(benchmark::State& state) {
     std::memset(&payload, 7, sizeof(payload));
     long written = 0;
     pin(0);
+    long faults = minor_faults();
     for (auto _ : state) {
         target.store(written + BATCH);
         for (long i = 0; i < BATCH; i++)
@@ -180,6 +253,7 @@ void BM_SpscThroughput(benchmark::State& state) {
     reader.join();
     delete queue;
     benchmark::DoNotOptimize(checksum);
+    report_faults(state, faults, written);
     state.SetItemsProcessed(written);
 }
 
@@ -189,7 +263,8 @@ void BM_SpscLatency(benchmark::State& state) {
     std::atomic<long> taken{0};
     std::atomic<bool> stop{false};
     std::vector<long> samples;
-    samples.reserve(LATENCY_SAMPLES * 4);
+    samples.resize(LATENCY_SAMPLES * 4);  // touched now, not while measuring
+    samples.clear();
     std::thread reader([&] {
         pin(1);
         Payload<N> out;
@@ -204,6 +279,7 @@ void BM_SpscLatency(benchmark::State& state) {
     std::memset(&payload, 7, sizeof(payload));
     long sent = 0;
     pin(0);
+    long faults = minor_faults();
     for (auto _ : state) {
         for (int i = 0; i < LATENCY_SAMPLES; i++) {
             payload.stamp = now_ns();
@@ -218,6 +294,53 @@ void BM_SpscLatency(benchmark::State& state) {
     reader.join();
     delete queue;
     report_latency(state, samples);
+    report_faults(state, faults, sent);
+    state.SetItemsProcessed(sent);
+}
+
+template <int N>
+void BM_SpscPaced(benchmark::State& state) {
+    auto* queue = new Queue<N>;
+    std::atomic<long> target{-1};
+    std::atomic<bool> stop{false};
+    std::vector<long> samples;
+    samples.resize(PACED_SAMPLES * 2);  // touched now, not while measuring
+    samples.clear();
+    std::thread reader([&] {
+        pin(1);
+        Payload<N> out;
+        long seen = 0;
+        while (!stop.load(std::memory_order_relaxed)) {
+            if (!queue->pop(out)) continue;
+            samples.push_back(now_ns() - out.stamp);
+            if (++seen == target.load(std::memory_order_relaxed)) target.store(-seen);
+        }
+    });
+    Payload<N> payload;
+    std::memset(&payload, 7, sizeof(payload));
+    long sent = 0;
+    pin(0);
+    long faults = minor_faults();
+    for (auto _ : state) {
+        target.store(sent + PACED_SAMPLES);
+        long next = now_ns();
+        for (int i = 0; i < PACED_SAMPLES; i++) {
+            while (now_ns() < next) {
+            }
+            next += PACE_NS;
+            payload.stamp = now_ns();
+            while (!queue->push(payload)) {
+            }
+        }
+        sent += PACED_SAMPLES;
+        while (target.load() != -sent) {
+        }
+    }
+    stop = true;
+    reader.join();
+    delete queue;
+    report_latency(state, samples);
+    report_faults(state, faults, sent);
     state.SetItemsProcessed(sent);
 }
 
@@ -236,5 +359,9 @@ BENCHMARK_TEMPLATE(BM_DataFlowLatency, 256)->UseRealTime()->Iterations(2);
 #ifdef QEL_HAVE_SPSC
 BENCHMARK_TEMPLATE(BM_SpscLatency, 64)->UseRealTime()->Iterations(2);
 BENCHMARK_TEMPLATE(BM_SpscLatency, 256)->UseRealTime()->Iterations(2);
+#endif
+BENCHMARK_TEMPLATE(BM_DataFlowPaced, 256)->UseRealTime()->Iterations(2);
+#ifdef QEL_HAVE_SPSC
+BENCHMARK_TEMPLATE(BM_SpscPaced, 256)->UseRealTime()->Iterations(2);
 #endif
 BENCHMARK_MAIN();

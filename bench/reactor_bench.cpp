@@ -10,6 +10,7 @@
 // Counters: median and 99th percentile in microseconds.
 #include <benchmark/benchmark.h>
 
+#include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -109,6 +110,58 @@ void BM_EventfdEpollPing(benchmark::State& state) {
     close(event_fd);
     report(state, us);
 }
+
+// The CPU an idle, napping fd reactor thread burns: its own thread clock
+// over 5 s in which nothing happens, as a percentage of one core. Beside
+// it, a thread that sleeps in epoll_wait with the same 10 ms timeout.
+double thread_cpu_percent(pthread_t thread, int seconds) {
+    clockid_t clock;
+    if (pthread_getcpuclockid(thread, &clock) != 0) return -1;
+    timespec a, b;
+    clock_gettime(clock, &a);
+    int64_t wall = now_ns();
+    sleep(unsigned(seconds));
+    clock_gettime(clock, &b);
+    wall = now_ns() - wall;
+    double used = double(b.tv_sec - a.tv_sec) * 1e9 + double(b.tv_nsec - a.tv_nsec);
+    return 100.0 * used / double(wall);
+}
+
+class IdleReactor : public Parallel::FdReactor {
+public:
+    using FdReactor::FdReactor;
+    pthread_t get_handle() const { return handle; }
+};
+
+void BM_IdleReactorCpu(benchmark::State& state) {
+    IdleReactor reactor(nullptr);
+    reactor.create(true, nullptr);
+    usleep(100000);  // past the polling that follows its start
+    double percent = 0;
+    for (auto _ : state) percent = thread_cpu_percent(reactor.get_handle(), 5);
+    reactor.stop();
+    reactor.join();
+    state.counters["cpu_percent"] = percent;
+}
+
+void BM_IdleEpollWaitCpu(benchmark::State& state) {
+    int epoll_fd = epoll_create(1);
+    std::atomic<bool> running{true};
+    std::thread waiter([&] {
+        epoll_event ready;
+        while (running.load(std::memory_order_relaxed)) epoll_wait(epoll_fd, &ready, 1, 10);
+    });
+    usleep(100000);
+    double percent = 0;
+    for (auto _ : state) percent = thread_cpu_percent(waiter.native_handle(), 5);
+    running = false;
+    waiter.join();
+    close(epoll_fd);
+    state.counters["cpu_percent"] = percent;
+}
+
+BENCHMARK(BM_IdleReactorCpu)->Iterations(1)->Repetitions(1)->Unit(benchmark::kSecond);
+BENCHMARK(BM_IdleEpollWaitCpu)->Iterations(1)->Repetitions(1)->Unit(benchmark::kSecond);
 
 BENCHMARK(BM_ReactorWakeup)->UseManualTime()->Iterations(2000)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_EventfdEpollPing)->UseManualTime()->Iterations(2000)->Unit(benchmark::kMicrosecond);

@@ -1,5 +1,6 @@
 #include "cipher/aes.h"
 
+#include "cipher/aesni.h"
 #include "cipher/blockmode.h"
 #include "base/byteorder.h"
 
@@ -80,7 +81,8 @@ inline uint32_t inv_mix_column(uint32_t w) {
 
 }  // namespace
 
-Aes::Aes(const unsigned char* key, int key_size) {
+Aes::Aes(const unsigned char* key, int key_size, bool use_hardware)
+    : hardware(use_hardware && AesNi::supported()) {
     int size = key_size <= 16 ? 16 : key_size <= 24 ? 24 : 32;
     unsigned char k[32] = {};
     if (key && key_size > 0)
@@ -108,10 +110,24 @@ Aes::Aes(const unsigned char* key, int key_size) {
             uint32_t w = encode_keys[4 * (rounds - r) + j];
             decode_keys[4 * r + j] = (r == 0 || r == rounds) ? w : inv_mix_column(w);
         }
+    for (int i = 0; i < words; ++i) {
+        Base::put_be32(encode_bytes + 4 * i, encode_keys[i]);
+        Base::put_be32(decode_bytes + 4 * i, decode_keys[i]);
+    }
     memset(k, 0, sizeof(k));
 }
 
-Aes::~Aes() {}
+Aes::~Aes() {
+    // The key schedule is secret: leave none of it in freed memory.
+    volatile unsigned char* p = reinterpret_cast<volatile unsigned char*>(encode_keys);
+    for (size_t i = 0; i < sizeof(encode_keys); ++i) p[i] = 0;
+    p = reinterpret_cast<volatile unsigned char*>(decode_keys);
+    for (size_t i = 0; i < sizeof(decode_keys); ++i) p[i] = 0;
+    p = encode_bytes;
+    for (size_t i = 0; i < sizeof(encode_bytes); ++i) p[i] = 0;
+    p = decode_bytes;
+    for (size_t i = 0; i < sizeof(decode_bytes); ++i) p[i] = 0;
+}
 
 namespace {
 
@@ -150,11 +166,55 @@ void aes_rounds(unsigned char* dst, const unsigned char* src, const uint32_t* rk
 }  // namespace
 
 void Aes::encode(unsigned char* dst, const unsigned char* src) {
-    aes_rounds<1>(dst, src, encode_keys, rounds, g_aes.te, g_aes.sbox);
+    if (hardware)
+        AesNi::encode_blocks(encode_bytes, rounds, dst, src, 1);
+    else
+        aes_rounds<1>(dst, src, encode_keys, rounds, g_aes.te, g_aes.sbox);
 }
 
 void Aes::decode(unsigned char* dst, const unsigned char* src) {
-    aes_rounds<3>(dst, src, decode_keys, rounds, g_aes.td, g_aes.inv_sbox);
+    if (hardware)
+        AesNi::decode_blocks(decode_bytes, rounds, dst, src, 1);
+    else
+        aes_rounds<3>(dst, src, decode_keys, rounds, g_aes.td, g_aes.inv_sbox);
+}
+
+void Aes::encode_blocks(unsigned char* dst, const unsigned char* src, size_t blocks) {
+    if (hardware)
+        AesNi::encode_blocks(encode_bytes, rounds, dst, src, blocks);
+    else
+        Modes::encode_blocks(dst, src, blocks);
+}
+
+void Aes::decode_blocks(unsigned char* dst, const unsigned char* src, size_t blocks) {
+    if (hardware)
+        AesNi::decode_blocks(decode_bytes, rounds, dst, src, blocks);
+    else
+        Modes::decode_blocks(dst, src, blocks);
+}
+
+void Aes::encode_cbc_blocks(unsigned char* chain, unsigned char* dst, const unsigned char* src,
+                            size_t blocks) {
+    if (hardware)
+        AesNi::encode_cbc(encode_bytes, rounds, chain, dst, src, blocks);
+    else
+        Modes::encode_cbc_blocks(chain, dst, src, blocks);
+}
+
+void Aes::decode_cbc_blocks(unsigned char* chain, unsigned char* dst, const unsigned char* src,
+                            size_t blocks) {
+    if (hardware)
+        AesNi::decode_cbc(decode_bytes, rounds, chain, dst, src, blocks);
+    else
+        Modes::decode_cbc_blocks(chain, dst, src, blocks);
+}
+
+void Aes::ctr_blocks(unsigned char* counter, unsigned char* dst, const unsigned char* src,
+                     size_t length) {
+    if (hardware)
+        AesNi::ctr(encode_bytes, rounds, counter, dst, src, length);
+    else
+        Modes::ctr_blocks(counter, dst, src, length);
 }
 
 void Aes::encode_func(void* self, unsigned char* dst, const unsigned char* src) {

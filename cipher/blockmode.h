@@ -16,6 +16,7 @@
 //   first.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 
@@ -89,6 +90,62 @@ inline void increment(unsigned char* counter, int b) {
             break;
 }
 
+// The bulk steps, one block at a time through c.encode and c.decode. A
+// cipher with a faster way to do many blocks provides members of the same
+// names, which the modes below then call instead.
+template <int B, class C>
+void each_encode(C& c, unsigned char* dst, const unsigned char* src, size_t blocks) {
+    for (size_t i = 0; i < blocks; ++i)
+        c.encode(dst + i * B, src + i * B);
+}
+
+template <int B, class C>
+void each_decode(C& c, unsigned char* dst, const unsigned char* src, size_t blocks) {
+    for (size_t i = 0; i < blocks; ++i)
+        c.decode(dst + i * B, src + i * B);
+}
+
+// chain holds the previous cipher block (the IV at first) and is left
+// holding the last one written.
+template <int B, class C>
+void each_encode_cbc(C& c, unsigned char* chain, unsigned char* dst, const unsigned char* src,
+                     size_t blocks) {
+    unsigned char work[B];
+    for (size_t i = 0; i < blocks; ++i) {
+        xor_block(work, src + i * B, chain, B);
+        c.encode(dst + i * B, work);
+        memcpy(chain, dst + i * B, B);
+    }
+}
+
+template <int B, class C>
+void each_decode_cbc(C& c, unsigned char* chain, unsigned char* dst, const unsigned char* src,
+                     size_t blocks) {
+    unsigned char saved[B];
+    for (size_t i = 0; i < blocks; ++i) {
+        memcpy(saved, src + i * B, B);  // keep the cipher block: dst may be src
+        c.decode(dst + i * B, saved);
+        xor_block(dst + i * B, dst + i * B, chain, B);
+        memcpy(chain, saved, B);
+    }
+}
+
+// length bytes under the key stream of counter, counter + 1, ...; a last
+// partial block uses the front of its stream block. counter is left at the
+// value of the last block used.
+template <int B, class C>
+void each_ctr(C& c, unsigned char* counter, unsigned char* dst, const unsigned char* src,
+              size_t length) {
+    unsigned char stream[B];
+    for (size_t i = 0; i < length; i += B) {
+        if (i)
+            increment(counter, B);
+        c.encode(stream, counter);
+        int n = length - i < size_t(B) ? int(length - i) : B;
+        xor_block(dst + i, src + i, stream, n);
+    }
+}
+
 template <int B, class C>
 bool encode_ecb(C& c, unsigned char* pad, unsigned char* dst, int& length,
                 const unsigned char* src, int src_length, bool padding) {
@@ -97,11 +154,10 @@ bool encode_ecb(C& c, unsigned char* pad, unsigned char* dst, int& length,
     if (!dst)
         return true;
     int whole = src_length - src_length % B;
-    for (int i = 0; i < whole; i += B)
-        c.encode(dst + i, src + i);
+    c.encode_blocks(dst, src, size_t(whole / B));
     if (padding) {
         fill_pad(pad, src + whole, src_length - whole, B);
-        c.encode(dst + whole, pad);
+        c.encode_blocks(dst + whole, pad, 1);
     }
     return true;
 }
@@ -113,8 +169,7 @@ bool decode_ecb(C& c, unsigned char* dst, int& length, const unsigned char* src,
         return false;
     if (!dst)
         return true;
-    for (int i = 0; i < src_length; i += B)
-        c.decode(dst + i, src + i);
+    c.decode_blocks(dst, src, size_t(src_length / B));
     if (padding)
         length = unpadded_size(dst, src_length);
     return true;
@@ -133,23 +188,17 @@ bool encode_cbc(C& c, unsigned char* chain, unsigned char* pad, unsigned char* d
     if (!dst)
         return true;
     load_iv(chain, iv, B);
-    const unsigned char* prev = chain;
     int whole = src_length - src_length % B;
-    for (int i = 0; i < whole; i += B) {
-        xor_block(pad, src + i, prev, B);
-        c.encode(dst + i, pad);
-        prev = dst + i;
-    }
+    c.encode_cbc_blocks(chain, dst, src, size_t(whole / B));
     if (padding) {
         fill_pad(pad, src + whole, src_length - whole, B);
-        xor_block(pad, pad, prev, B);
-        c.encode(dst + whole, pad);
+        c.encode_cbc_blocks(chain, dst + whole, pad, 1);
     }
     return true;
 }
 
 template <int B, class C>
-bool decode_cbc(C& c, unsigned char* chain, unsigned char* pad, unsigned char* dst, int& length,
+bool decode_cbc(C& c, unsigned char* chain, unsigned char* dst, int& length,
                 const unsigned char* src, int src_length, bool padding, const unsigned char* iv,
                 int iv_size) {
     if (iv_size != B) {
@@ -161,12 +210,7 @@ bool decode_cbc(C& c, unsigned char* chain, unsigned char* pad, unsigned char* d
     if (!dst)
         return true;
     load_iv(chain, iv, B);
-    for (int i = 0; i < src_length; i += B) {
-        memcpy(pad, src + i, B);  // keep the cipher block: dst may be src
-        c.decode(dst + i, pad);
-        xor_block(dst + i, dst + i, chain, B);
-        memcpy(chain, pad, B);
-    }
+    c.decode_cbc_blocks(chain, dst, src, size_t(src_length / B));
     if (padding)
         length = unpadded_size(dst, src_length);
     return true;
@@ -174,9 +218,8 @@ bool decode_cbc(C& c, unsigned char* chain, unsigned char* pad, unsigned char* d
 
 // Encoding and decoding are the same operation.
 template <int B, class C>
-bool process_ctr(C& c, unsigned char* counter, unsigned char* stream, unsigned char* dst,
-                 int& length, const unsigned char* src, int src_length, const unsigned char* iv,
-                 int iv_size) {
+bool process_ctr(C& c, unsigned char* counter, unsigned char* dst, int& length,
+                 const unsigned char* src, int src_length, const unsigned char* iv, int iv_size) {
     length = 0;
     if (iv_size != B || src_length < 0 || (!src && src_length > 0))
         return false;
@@ -184,13 +227,7 @@ bool process_ctr(C& c, unsigned char* counter, unsigned char* stream, unsigned c
     if (!dst)
         return true;
     load_iv(counter, iv, B);
-    for (int i = 0; i < src_length; i += B) {
-        if (i)
-            increment(counter, B);
-        c.encode(stream, counter);
-        int n = src_length - i < B ? src_length - i : B;
-        xor_block(dst + i, src + i, stream, n);
-    }
+    c.ctr_blocks(counter, dst, src, size_t(src_length));
     return true;
 }
 
@@ -198,7 +235,9 @@ bool process_ctr(C& c, unsigned char* counter, unsigned char* stream, unsigned c
 
 // The mode operations of a block cipher class C of B bytes, with the two
 // working blocks they use; C derives from BlockModes<C, B> and provides
-// encode and decode of one block. decode_ctr is encode_ctr.
+// encode and decode of one block. decode_ctr is encode_ctr. The bulk steps
+// (encode_blocks ... ctr_blocks) go one block at a time; C may hide them
+// with faster members of the same signature.
 template <class C, int B>
 class BlockModes {
 public:
@@ -217,17 +256,36 @@ public:
     }
     bool decode_cbc(unsigned char* dst, int& length, const unsigned char* src, int src_length,
                     bool padding, const unsigned char* iv, int iv_size) {
-        return BlockMode::decode_cbc<B>(self(), chain, pad, dst, length, src, src_length, padding,
-                                        iv, iv_size);
+        return BlockMode::decode_cbc<B>(self(), chain, dst, length, src, src_length, padding, iv,
+                                        iv_size);
     }
     bool encode_ctr(unsigned char* dst, int& length, const unsigned char* src, int src_length,
                     const unsigned char* iv, int iv_size) {
-        return BlockMode::process_ctr<B>(self(), chain, pad, dst, length, src, src_length, iv,
+        return BlockMode::process_ctr<B>(self(), chain, dst, length, src, src_length, iv,
                                          iv_size);
     }
     bool decode_ctr(unsigned char* dst, int& length, const unsigned char* src, int src_length,
                     const unsigned char* iv, int iv_size) {
         return encode_ctr(dst, length, src, src_length, iv, iv_size);
+    }
+
+    void encode_blocks(unsigned char* dst, const unsigned char* src, size_t blocks) {
+        BlockMode::each_encode<B>(self(), dst, src, blocks);
+    }
+    void decode_blocks(unsigned char* dst, const unsigned char* src, size_t blocks) {
+        BlockMode::each_decode<B>(self(), dst, src, blocks);
+    }
+    void encode_cbc_blocks(unsigned char* chain_block, unsigned char* dst, const unsigned char* src,
+                           size_t blocks) {
+        BlockMode::each_encode_cbc<B>(self(), chain_block, dst, src, blocks);
+    }
+    void decode_cbc_blocks(unsigned char* chain_block, unsigned char* dst, const unsigned char* src,
+                           size_t blocks) {
+        BlockMode::each_decode_cbc<B>(self(), chain_block, dst, src, blocks);
+    }
+    void ctr_blocks(unsigned char* counter, unsigned char* dst, const unsigned char* src,
+                    size_t length) {
+        BlockMode::each_ctr<B>(self(), counter, dst, src, length);
     }
 
 protected:
@@ -237,7 +295,7 @@ private:
     C& self() { return static_cast<C&>(*this); }
 
     unsigned char chain[B];  // working block: CBC chaining value, CTR counter
-    unsigned char pad[B];    // working block: padding, saved cipher block, key stream
+    unsigned char pad[B];    // working block: the padded last block
 };
 
 }  // namespace Cipher

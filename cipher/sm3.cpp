@@ -28,19 +28,31 @@ struct RoundConstants {
 
 constexpr RoundConstants g_round;
 
+// Word i of the message expansion, from words already made.
+inline uint32_t expand(const uint32_t* w, int i) {
+    return p1(w[i - 16] ^ w[i - 9] ^ Base::rotl32(w[i - 3], 15)) ^ Base::rotl32(w[i - 13], 7) ^
+           w[i - 6];
+}
+
 // One round with the roles of A to H passed in: the callers rotate the
 // names instead of moving the values (B and F turn in place, D and H take
-// the new A and E).
-#define SM3_ROUND(ff, gg, j, a, b, c, d, e, f, g, h)              \
-    {                                                             \
-        uint32_t a12 = Base::rotl32(a, 12);                             \
-        uint32_t ss1 = Base::rotl32(a12 + e + g_round.t[j], 7);         \
-        uint32_t ss2 = ss1 ^ a12;                                 \
-        d += ff(a, b, c) + ss2 + (w[j] ^ w[(j) + 4]);             \
-        h += gg(e, f, g) + ss1 + w[j];                            \
-        b = Base::rotl32(b, 9);                                         \
-        f = Base::rotl32(f, 19);                                        \
-        h = p0(h);                                                \
+// the new A and E). Round j needs word j + 4, which it makes itself: the
+// expansion runs beside the rounds, one word at a time, as scalar stores
+// that the next words load back at once. (A separate expansion loop gets
+// vectorised two words at a time, and each pair then loads across two
+// earlier stores, which stalls on every iteration.)
+#define SM3_ROUND(ff, gg, j, a, b, c, d, e, f, g, h)                 \
+    {                                                                \
+        if ((j) >= 12)                                               \
+            w[(j) + 4] = expand(w, (j) + 4);                         \
+        uint32_t a12 = Base::rotl32(a, 12);                          \
+        uint32_t ss1 = Base::rotl32(a12 + e + g_round.t[j], 7);      \
+        uint32_t ss2 = ss1 ^ a12;                                    \
+        d += ff(a, b, c) + ss2 + (w[j] ^ w[(j) + 4]);                \
+        h += gg(e, f, g) + ss1 + w[j];                               \
+        b = Base::rotl32(b, 9);                                      \
+        f = Base::rotl32(f, 19);                                     \
+        h = p0(h);                                                   \
     }
 
 #define SM3_FF0(x, y, z) ((x) ^ (y) ^ (z))
@@ -58,18 +70,24 @@ void compress(uint32_t* state, const unsigned char* p, size_t count) {
         uint32_t w[68];
         for (int i = 0; i < 16; ++i)
             w[i] = Base::get_be32(p + 4 * i);
-        for (int i = 16; i < 68; ++i)
-            w[i] = p1(w[i - 16] ^ w[i - 9] ^ Base::rotl32(w[i - 3], 15)) ^ Base::rotl32(w[i - 13], 7) ^ w[i - 6];
         uint32_t a = state[0], b = state[1], c = state[2], d = state[3];
         uint32_t e = state[4], f = state[5], g = state[6], h = state[7];
-#pragma GCC unroll 4
-        for (int j = 0; j < 16; j += 4) {
-            SM3_FOUR(SM3_FF0, SM3_FF0, j)
-        }
-#pragma GCC unroll 12
-        for (int j = 16; j < 64; j += 4) {
-            SM3_FOUR(SM3_FF1, SM3_GG1, j)
-        }
+        SM3_FOUR(SM3_FF0, SM3_FF0, 0)
+        SM3_FOUR(SM3_FF0, SM3_FF0, 4)
+        SM3_FOUR(SM3_FF0, SM3_FF0, 8)
+        SM3_FOUR(SM3_FF0, SM3_FF0, 12)
+        SM3_FOUR(SM3_FF1, SM3_GG1, 16)
+        SM3_FOUR(SM3_FF1, SM3_GG1, 20)
+        SM3_FOUR(SM3_FF1, SM3_GG1, 24)
+        SM3_FOUR(SM3_FF1, SM3_GG1, 28)
+        SM3_FOUR(SM3_FF1, SM3_GG1, 32)
+        SM3_FOUR(SM3_FF1, SM3_GG1, 36)
+        SM3_FOUR(SM3_FF1, SM3_GG1, 40)
+        SM3_FOUR(SM3_FF1, SM3_GG1, 44)
+        SM3_FOUR(SM3_FF1, SM3_GG1, 48)
+        SM3_FOUR(SM3_FF1, SM3_GG1, 52)
+        SM3_FOUR(SM3_FF1, SM3_GG1, 56)
+        SM3_FOUR(SM3_FF1, SM3_GG1, 60)
         state[0] ^= a;
         state[1] ^= b;
         state[2] ^= c;

@@ -137,6 +137,7 @@ DataFlow::Iterator::Iterator(DataFlow* reading, Notify* wake, ReadCallback* call
       seen_count(0),
       block(nullptr),
       block_first(0),
+      block_base(0),
       block_data(nullptr),
       block_end(nullptr),
       offset(0),
@@ -211,22 +212,26 @@ const DataFlow::Item* DataFlow::Iterator::next() {
         // Only at the last count seen do we look at the flow again: the
         // writer changes count with every record, and a reader that is
         // behind need not pull that line over for each one.
-        hop();
-        f = flow;
         if (!f) return nullptr;
         // Acquire pairs with the writer's release of count: the records
         // below it, their table entries and the block fields behind them
         // are visible from here.
         seen_count = f->count.load(std::memory_order_acquire);
-        if (seen_count <= position) return nullptr;
+        if (seen_count <= position) {
+            // Nothing new here: the flow may be final, with a successor.
+            if (!hop()) return nullptr;
+            f = flow;
+            if (!f) return nullptr;
+            seen_count = f->count.load(std::memory_order_acquire);
+            if (seen_count <= position) return nullptr;
+        }
     }
     DataMem::Block* b = block;
     if (!b) return nullptr;
     // The record most likely starts here: fetch it while the table entry
     // that gives its length is on its way.
     __builtin_prefetch(block_data + offset);
-    unsigned long start = f->get_start_id();
-    unsigned long k = position - start - block_first;
+    unsigned long k = position - block_base;
     unsigned int behind;
     // The block's constant fields are cached: its header shares a cache
     // line with the counters that the writer changes with every append.
@@ -244,11 +249,11 @@ const DataFlow::Item* DataFlow::Iterator::next() {
             // Hands the block back to the writer: we have read all of it.
             b->is_recycled.store(1, std::memory_order_release);
         }
-        enter_block(b = following);
+        enter_block(b = following, f->get_start_id());
         offset = 0;
         behind = table_entry(0);
-        if (recycle_pos && block_first + start > __atomic_load_n(recycle_pos, __ATOMIC_RELAXED))
-            store_recycle_pos(block_first + start);
+        if (recycle_pos && block_base > __atomic_load_n(recycle_pos, __ATOMIC_RELAXED))
+            store_recycle_pos(block_base);
     }
     unsigned int length = behind - offset;
     item.data = block_data + offset;
@@ -271,7 +276,7 @@ bool DataFlow::Iterator::seek(unsigned long id) {
     if (id > published) id = published;
     if (id == position) return true;
     if (id == start) {
-        enter_block(f->mem->head.load(std::memory_order_relaxed));
+        enter_block(f->mem->head.load(std::memory_order_relaxed), start);
         position = id;
         offset = 0;
         return true;
@@ -294,7 +299,7 @@ bool DataFlow::Iterator::seek(unsigned long id) {
         if (!entry || !entry->block) return false;
         b = entry->block;
     }
-    enter_block(b);
+    enter_block(b, start);
     unsigned long k = n - block_first;
     offset = k == 0 ? 0 : b->entry(k - 1);
     position = id;

@@ -130,8 +130,11 @@ public:
     unsigned char manual_commit;
     unsigned char notify_enabled;
     unsigned char reference_mode;
-    std::atomic<unsigned long> count;     // id of the next published record
-    std::atomic<unsigned long> start_id;  // id of the first record held here
+    // count has a cache line of its own: the writer stores it with every
+    // record, and a reader that catches up loads it; nothing else a reader
+    // needs per record may share that line.
+    alignas(64) std::atomic<unsigned long> count;  // id of the next published record
+    alignas(64) std::atomic<unsigned long> start_id;  // id of the first record held here
     std::atomic<void*> version;
 
 protected:
@@ -198,9 +201,12 @@ protected:
     unsigned long position;  // id of the next record; all ones when detached
     ReadCallback* read_callback;
     unsigned long* recycle_pos;
-    void enter_block(DataMem::Block* b) {
+    // start is the flow's start id, read once per block rather than per
+    // record (next to count, the writer's line).
+    void enter_block(DataMem::Block* b, unsigned long start) {
         block = b;
         block_first = b ? b->first.load(std::memory_order_relaxed) : 0;
+        block_base = start + block_first;
         block_data = b ? b->data : nullptr;
         block_end = b ? b->end : nullptr;
     }
@@ -211,7 +217,8 @@ protected:
     unsigned long seen_count;  // count as last read: records below it are whole
     DataMem::Block* block;
     unsigned long block_first;  // the block's first record and data area,
-    const char* block_data;     // read once per block
+    unsigned long block_base;   // read once per block; block_base is the id
+    const char* block_data;     // of the block's first record
     const char* block_end;
     unsigned int offset;
     Item item;

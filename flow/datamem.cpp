@@ -70,7 +70,7 @@ void DataMem::add_index(Block* block) {
     index_count.store(position + 1, std::memory_order_release);
 }
 
-char* DataMem::alloc(unsigned short size) {
+char* DataMem::alloc_next(unsigned short size) {
     unsigned int room = size + 4u;
     Block* cur = current.load(std::memory_order_relaxed);
     if (!cur) {
@@ -80,17 +80,6 @@ char* DataMem::alloc(unsigned short size) {
         recycle_cursor = block;
         add_index(block);
         cur = block;
-    }
-
-    // Take back one recycled block from the front of the chain, as a spare
-    // behind current. The acquire pairs with the release of is_recycled:
-    // whoever marked it (a reader or the recycler) is done with its bytes.
-    Block* old = head.load(std::memory_order_relaxed);
-    if (old != cur && old->is_recycled.load(std::memory_order_acquire)) {
-        head.store(old->next.load(std::memory_order_relaxed), std::memory_order_relaxed);
-        old->reset();
-        old->next.store(cur->next.load(std::memory_order_relaxed), std::memory_order_relaxed);
-        cur->next.store(old, std::memory_order_release);
     }
 
     for (;;) {
@@ -103,6 +92,7 @@ char* DataMem::alloc(unsigned short size) {
         unsigned int end_used = cur->used.load(std::memory_order_relaxed);
         if (cur->has_slot(records, end_used)) cur->set_entry(records, SEAL);
 
+        take_back(cur);
         Block* block = cur->next.load(std::memory_order_relaxed);
         if (block) {
             block->reset();
@@ -117,6 +107,24 @@ char* DataMem::alloc(unsigned short size) {
         current.store(block, std::memory_order_relaxed);
         add_index(block);
         cur = block;
+    }
+}
+
+void DataMem::take_back(Block* cur) {
+    // Marked blocks at the front of the chain become spares behind cur.
+    // Only here, when the writer leaves a block: records that fit the
+    // current block never look at the head. The acquire pairs with the
+    // release of is_recycled: whoever marked the block (a reader or the
+    // recycler) is done with its bytes.
+    for (;;) {
+        Block* old = head.load(std::memory_order_relaxed);
+        if (old == cur || !old->is_recycled.load(std::memory_order_acquire)) return;
+        head.store(old->next.load(std::memory_order_relaxed), std::memory_order_relaxed);
+        old->reset();
+        old->next.store(cur->next.load(std::memory_order_relaxed), std::memory_order_relaxed);
+        // A reader at the end of cur follows next: the reset header is
+        // whole before the link, and used 0 tells it nothing is there yet.
+        cur->next.store(old, std::memory_order_release);
     }
 }
 

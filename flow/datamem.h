@@ -17,7 +17,8 @@
 // threads walk blocks without a lock: the fields they look at while the
 // writer works are atomics, and the flow above publishes records by one
 // release store of its count. recycle() may run on a third thread; it only
-// marks blocks, newest first, and the writer takes a marked head back.
+// marks blocks, newest first; the writer, when it leaves a block, takes the
+// marked ones at the head back as spares behind it.
 #pragma once
 
 #include <atomic>
@@ -74,7 +75,17 @@ public:
     ~DataMem();
 
     // Room for a record of up to size bytes in current; appends nothing.
-    char* alloc(unsigned short size);
+    // The usual case, room left in current, is inline; the rest opens the
+    // next block.
+    char* alloc(unsigned short size) {
+        Block* cur = current.load(std::memory_order_relaxed);
+        if (cur) {
+            unsigned int used_now = cur->used.load(std::memory_order_relaxed);
+            unsigned long need = used_now + size + (cur->records.load(std::memory_order_relaxed) + 1) * 4;
+            if (need <= cur->size) return cur->data + used_now;
+        }
+        return alloc_next(size);
+    }
 
     // Stores the record that alloc handed out, size bytes long, as the next
     // one of current. Publication is the flow's business.
@@ -110,7 +121,9 @@ public:
     std::atomic<unsigned int> index_count;  // entries that are in force
 
 private:
+    char* alloc_next(unsigned short size);
     Block* alloc_block(unsigned int size);
+    void take_back(Block* cur);
     void add_index(Block* block);
     void release_run(Block* first, Block* last);
 

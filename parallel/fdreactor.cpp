@@ -3,9 +3,12 @@
 #include "parallel/ring.h"
 
 #include <fcntl.h>
+#include <pthread.h>
+#include <sched.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <cstring>
 
 #include "sync/sign.h"
@@ -30,6 +33,22 @@ uint32_t read_interest(const Fd* fd) {
 }
 
 }  // namespace
+
+int busy_poll_cpu() {
+    const char* text = std::getenv("QEL_BUSY_POLL");
+    if (!text || !*text) return -1;
+    long cpu = 0;
+    for (const char* p = text; *p; ++p) {
+        if (*p < '0' || *p > '9') return -1;
+        cpu = cpu * 10 + (*p - '0');
+        if (cpu >= CPU_SETSIZE) return -1;
+    }
+    // Only a CPU this process is allowed on: pinning to another would fail.
+    cpu_set_t allowed;
+    CPU_ZERO(&allowed);
+    if (sched_getaffinity(0, sizeof(allowed), &allowed) != 0) return -1;
+    return CPU_ISSET(int(cpu), &allowed) ? int(cpu) : -1;
+}
 
 // ---- NotifyFd ----
 
@@ -66,7 +85,7 @@ int FdReactor::NotifyFd::write() {
 
 // ---- FdReactor ----
 
-FdReactor::FdReactor(const char* name) : Reactor(name), fd_count(0) {
+FdReactor::FdReactor(const char* name) : Reactor(name), fd_count(0), busy_cpu(-1) {
     notify_fd = new NotifyFd(this);
     epoll_fd = epoll_create(EPOLL_EVENTS);
 }
@@ -101,10 +120,12 @@ void FdReactor::set_blocking(Fd* fd, bool write_blocked) {
 }
 
 void FdReactor::wakeup(bool remote) {
-    if (remote && !is_current())
-        notify_fd->write();
-    else
+    if (remote && !is_current()) {
+        // A busy-polling loop never sleeps: it finds the post by itself.
+        if (busy_cpu < 0) notify_fd->write();
+    } else {
         busy_until.store(now + BUSY_SPAN, std::memory_order_relaxed);
+    }
 }
 
 void FdReactor::link_fd_front(Fd* fd) { ring_link_after(fd, &fd_head); }
@@ -175,7 +196,7 @@ bool FdReactor::fd_proc(bool busy) {
         }
         ring_rotate(&fd_head, static_cast<Fd*>(notify_fd));
     }
-    int timeout = busy ? 0 : (now > get_busy_until() ? NAP_MS : 0);
+    int timeout = busy || busy_cpu >= 0 ? 0 : (now > get_busy_until() ? NAP_MS : 0);
     int n = epoll_wait(epoll_fd, epoll_events, EPOLL_EVENTS, timeout);
     if (n < 1) return busy;
     for (int i = 0; i < n; i++) {
@@ -198,6 +219,14 @@ bool FdReactor::fd_proc(bool busy) {
 }
 
 void FdReactor::thread_proc() {
+    if (busy_cpu >= 0) {
+        // Pinned where the application set a core aside; if that fails the
+        // loop still polls, wherever the scheduler puts it.
+        cpu_set_t one;
+        CPU_ZERO(&one);
+        CPU_SET(busy_cpu, &one);
+        pthread_setaffinity_np(pthread_self(), sizeof(one), &one);
+    }
     on_event(EVENT_ADD_FD, notify_fd);
     while (running.load(std::memory_order_relaxed)) {
         now = Base::read_clock();

@@ -14,6 +14,13 @@
 // Events: 21 add_fd, 22 remove_fd (blocking), 23 bring a descriptor back to
 // the front, 24 retire it. set_blocking() changes the epoll interest on the
 // calling thread, relying on epoll_ctl being safe beside epoll_wait.
+//
+// Busy-poll mode, for an application that gives the network thread a core
+// of its own: set_busy_poll(cpu) before create() pins the thread to that CPU
+// and makes every pass look at the descriptors (epoll_wait without waiting)
+// and the event queue without ever napping; other threads then post without
+// writing the eventfd, as nobody sleeps on it. The thread takes the whole
+// core. busy_poll_cpu() reads the choice from the environment.
 #pragma once
 
 #include <sys/epoll.h>
@@ -32,6 +39,11 @@ enum : int {
 
 constexpr int EPOLL_EVENTS = 8192;
 
+// The CPU named by the environment variable QEL_BUSY_POLL (a decimal CPU
+// number this process may run on), or -1 when it is absent or names no
+// such CPU: the default, napping reactor.
+int busy_poll_cpu();
+
 class FdReactor : public Reactor {
 public:
     explicit FdReactor(const char* name);
@@ -44,6 +56,11 @@ public:
 
     void wakeup(bool remote) override;
     int on_event(int id, void* data) override;
+
+    // Before create(): cpu >= 0 selects busy-poll mode on that CPU, a
+    // negative cpu the napping reactor (the default).
+    void set_busy_poll(int cpu) { busy_cpu = cpu < 0 ? -1 : cpu; }
+    int get_busy_poll() const { return busy_cpu; }
 
     uint64_t get_fd_count() const { return fd_count; }
 
@@ -62,6 +79,7 @@ protected:
     uint64_t fd_count;
     NotifyFd* notify_fd;
     int epoll_fd;
+    int busy_cpu;  // set before the thread starts, then only read
     epoll_event epoll_events[EPOLL_EVENTS];
 };
 

@@ -1,6 +1,6 @@
 # Each folder of the library is a layer that includes only its own headers and
 # those of the layers before it in this list; an include that runs upward fails.
-set(layers base sync containers text record flow parallel cipher network api)
+set(layers base sync containers text record flow parallel cipher network api front)
 set(failures "")
 list(LENGTH layers count)
 math(EXPR last "${count} - 1")

@@ -10,6 +10,7 @@ command -v g++ >/dev/null || need+=(g++)
 [ -f /usr/include/openssl/evp.h ] || need+=(libssl-dev)
 command -v openssl >/dev/null || need+=(openssl)
 command -v ccache >/dev/null || need+=(ccache)
+command -v pkg-config >/dev/null || need+=(pkg-config)   # the install test links through pkg-config
 if [ ${#need[@]} -gt 0 ]; then
   echo "installing: ${need[*]}"
   export DEBIAN_FRONTEND=noninteractive

@@ -6,7 +6,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <pthread.h>
+#include <sched.h>
+
 #include <atomic>
+#include <cstdlib>
+#include <memory>
 #include <cerrno>
 #include <string>
 #include <thread>
@@ -261,9 +266,24 @@ TEST(FdReactor, ReadBlockedDescriptorLeavesDataInTheKernel) {
     reactor->remove_fd(&fd);
 }
 
-void echo_events_and_timers(Mode mode) {
+// A reactor started by scope that may be set to busy-poll before its start.
+struct Started {
+    explicit Started(int busy_cpu) : reactor(new ProbeFdReactor(nullptr)) {
+        reactor->set_busy_poll(busy_cpu);
+        reactor->create(true, nullptr);
+    }
+    ~Started() {
+        reactor->stop();
+        reactor->join();
+    }
+    ProbeFdReactor* operator->() { return reactor.get(); }
+    ProbeFdReactor& operator*() { return *reactor; }
+    std::unique_ptr<ProbeFdReactor> reactor;
+};
+
+void echo_events_and_timers(Mode mode, int busy_cpu = -1) {
     ModeScope scope(mode);
-    Running reactor;
+    Started reactor(busy_cpu);
     // Events from two threads, in order, on the reactor thread.
     struct Log : Parallel::Handler {
         Parallel::Reactor* reactor;
@@ -326,6 +346,70 @@ void echo_events_and_timers(Mode mode) {
 
 TEST(FdReactor, EventsTimersAndSocketsInEveryMode) {
     for (Mode mode : ALL_MODES) echo_events_and_timers(mode);
+}
+
+int first_allowed_cpu() {
+    cpu_set_t allowed;
+    CPU_ZERO(&allowed);
+    sched_getaffinity(0, sizeof(allowed), &allowed);
+    for (int cpu = 0; cpu < CPU_SETSIZE; cpu++)
+        if (CPU_ISSET(cpu, &allowed)) return cpu;
+    return -1;
+}
+
+// The variable names a CPU this process may use, in plain decimal, or
+// nothing: every other text leaves the napping reactor.
+TEST(FdReactor, BusyPollCpuComesFromTheEnvironment) {
+    const char* saved = getenv("QEL_BUSY_POLL");
+    std::string keep = saved ? saved : "";
+    int cpu = first_allowed_cpu();
+    ASSERT_GE(cpu, 0);
+    unsetenv("QEL_BUSY_POLL");
+    EXPECT_EQ(Parallel::busy_poll_cpu(), -1);
+    setenv("QEL_BUSY_POLL", std::to_string(cpu).c_str(), 1);
+    EXPECT_EQ(Parallel::busy_poll_cpu(), cpu);
+    for (const char* bad : {"", "-1", "x", "1x", " 1", "+1", "99999999999999999999", "100000"}) {
+        setenv("QEL_BUSY_POLL", bad, 1);
+        EXPECT_EQ(Parallel::busy_poll_cpu(), -1) << bad;
+    }
+    cpu_set_t allowed;
+    CPU_ZERO(&allowed);
+    sched_getaffinity(0, sizeof(allowed), &allowed);
+    for (int other = 0; other < 1024; other++)
+        if (!CPU_ISSET(other, &allowed)) {
+            setenv("QEL_BUSY_POLL", std::to_string(other).c_str(), 1);
+            EXPECT_EQ(Parallel::busy_poll_cpu(), -1) << other;  // not ours to use
+            break;
+        }
+    if (saved)
+        setenv("QEL_BUSY_POLL", keep.c_str(), 1);
+    else
+        unsetenv("QEL_BUSY_POLL");
+}
+
+// A busy-polling reactor runs on the one CPU it was given, and serves
+// events (posted with and without a sign), timers and sockets in every
+// mode, as the napping one does; stopping it ends the loop.
+TEST(FdReactor, BusyPollReactorIsPinnedAndServesEverything) {
+    int cpu = first_allowed_cpu();
+    ASSERT_GE(cpu, 0);
+    {
+        Started reactor(cpu);
+        EXPECT_EQ(reactor->get_busy_poll(), cpu);
+        int ran_on = -1, allowed_count = 0;
+        run_on(*reactor, [&] {
+            cpu_set_t mask;
+            CPU_ZERO(&mask);
+            pthread_getaffinity_np(pthread_self(), sizeof(mask), &mask);
+            allowed_count = CPU_COUNT(&mask);
+            ran_on = sched_getcpu();
+        });
+        EXPECT_EQ(allowed_count, 1);
+        EXPECT_EQ(ran_on, cpu);
+    }
+    for (Mode mode : ALL_MODES) echo_events_and_timers(mode, cpu);
+    Started napping(-7);
+    EXPECT_EQ(napping->get_busy_poll(), -1);
 }
 
 // Reports nothing to send once its message is out.
