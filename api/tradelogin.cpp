@@ -71,15 +71,6 @@ bool is_null_string(char* text, int length) {
     return true;
 }
 
-void TradeApi::count_trade_answer() {
-    // `sent` is written under the mutex by application threads, so the
-    // comparison needs it; `answered` is only ever written here.
-    api_mutex.enter();
-    uint32_t answered = trade_flux.answered.load(std::memory_order_relaxed);
-    if (answered != trade_flux.sent) trade_flux.answered.store(answered + 1, std::memory_order_relaxed);
-    api_mutex.leave();
-}
-
 void TradeApi::write_key_request() {
     Network::QelcPacket* out = control_writer->alloc_packet(PACKET_KEY_REQUEST, 0);
     out->get_header().RequestId = 0;
@@ -295,7 +286,7 @@ void TradeApi::on_rsp_authenticate(CTulmQelcTraderSpi* callback) {
         Base::str_ncpy(40, app_id, auth->AppID);
         auth_ok.store(true, std::memory_order_release);
     }
-    count_trade_answer();
+    count_answer(&trade_flux);
     if (callback != nullptr)
         callback->OnRspAuthenticate(reinterpret_cast<CTulmQelcProductAuthField*>(auth),
                                     reinterpret_cast<CTulmQelcRspInfoField*>(info), request_of(packet),
@@ -337,7 +328,7 @@ void TradeApi::on_rsp_user_login(CTulmQelcTraderSpi* callback) {
         // Release: a request that sees logged_in also sees the limits and ids.
         logged_in.store(true, std::memory_order_release);
     }
-    count_trade_answer();
+    count_answer(&trade_flux);
     if (callback != nullptr)
         callback->OnRspUserLogin(reinterpret_cast<CTulmQelcRspUserLoginField*>(login),
                                  reinterpret_cast<CTulmQelcRspInfoField*>(info), request_of(packet), is_last(packet));
@@ -358,7 +349,7 @@ void TradeApi::on_rsp_user_logout(CTulmQelcTraderSpi* callback) {
         std::memset(user_id, 0, sizeof(user_id));
         api_mutex.leave();
     }
-    count_trade_answer();
+    count_answer(&trade_flux);
     if (callback != nullptr)
         callback->OnRspUserLogout(reinterpret_cast<CTulmQelcRspUserLogoutField*>(logout),
                                   reinterpret_cast<CTulmQelcRspInfoField*>(info), request_of(packet),

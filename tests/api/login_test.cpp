@@ -1,0 +1,549 @@
+// The login steps of the trader, driven as its reactor thread drives them:
+// the key request, every form of the crypt reply and its failures, the
+// authentication and login packets byte by byte, and the replies' effect on
+// the session state.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "api/systeminfo.h"
+#include "base/datetime.h"
+#include "base/random.h"
+#include "base/strings.h"
+#include "cipher/aes.h"
+#include "cipher/sm2.h"
+#include "cipher/sm3.h"
+#include "containers/map.h"
+#include "tests/api/login_probe.h"
+
+using Api::LoginProbe;
+using Api::ReplyPacket;
+using Api::SentPacket;
+
+namespace {
+
+struct RecordingSpi : CTulmQelcTraderSpi {
+    void OnRspError(CTulmQelcRspInfoField* info, int request, bool last) override {
+        errors.push_back(info->ErrorID);
+        requests.push_back(request);
+    }
+    void OnRspAuthenticate(CTulmQelcProductAuthField* auth, CTulmQelcRspInfoField* info, int request,
+                           bool last) override {
+        auths.push_back(std::string(auth->AppID) + "/" + std::to_string(info->ErrorID));
+        requests.push_back(request);
+    }
+    void OnRspUserLogin(CTulmQelcRspUserLoginField* login, CTulmQelcRspInfoField* info, int request,
+                        bool last) override {
+        logins.push_back(std::string(login->UserID) + "/" + std::to_string(info->ErrorID));
+        requests.push_back(request);
+    }
+    void OnRspUserLogout(CTulmQelcRspUserLogoutField* logout, CTulmQelcRspInfoField* info, int request,
+                         bool last) override {
+        logouts.push_back(std::string(logout->UserID) + "/" + std::to_string(info->ErrorID));
+    }
+    std::vector<int> errors, requests;
+    std::vector<std::string> auths, logins, logouts;
+};
+
+QelRspInfoField info_of(int error, const char* message = "") {
+    QelRspInfoField info;
+    std::memset(&info, 0, sizeof(info));
+    info.ErrorID = error;
+    Base::str_ncpy(80, info.ErrorMsg, message);
+    return info;
+}
+
+QelUserapiInitAuthInfoField crypt_value_of(int value) {
+    QelUserapiInitAuthInfoField record;
+    record.InitEncryptInfo = value;
+    return record;
+}
+
+QelUserapiSessionAuthInfoField key_text_of(const std::string& text) {
+    QelUserapiSessionAuthInfoField record;
+    std::memset(&record, 0, sizeof(record));
+    Base::str_ncpy(300, record.EncryptUserApiInfo, text.c_str());
+    return record;
+}
+
+std::string hex(const void* data, int length) {
+    std::string out(static_cast<size_t>(2 * length), '0');
+    Base::hex_from_bytes(&out[0], static_cast<const char*>(data), length, true);
+    return out;
+}
+
+uint32_t le32(const unsigned char* p) { return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24; }
+
+// The front's side of the masked form: the mask both ends derive from the
+// public-key text, and the text that carries key under it.
+std::string masked_key_text(const char* auth_text, char type_letter, uint64_t key) {
+    Cipher::Sm3 sm3;
+    sm3.update(auth_text, 132);
+    sm3.final();
+    const unsigned char* d = sm3.digest();
+    uint64_t mask = uint64_t(Base::Hash::calc(d, 16, le32(d + 16))) << 32 | Base::Hash::calc(d + 16, 16, le32(d));
+    uint64_t hidden = key ^ mask;
+    unsigned char bytes[8];
+    for (int i = 0; i < 8; ++i) bytes[i] = static_cast<unsigned char>(hidden >> (8 * i));
+    return std::string(1, type_letter) + hex(bytes, 8);
+}
+
+// The front's side of the enciphered form: plain enciphered to our public
+// key with an SM2 of the same masking.
+std::string sealed_key_text(const char* auth_text, char type_digit, const void* plain, int length) {
+    std::string text(auth_text);
+    std::string x = text.substr(2, 64), y = text.substr(68, 64);
+    Cipher::Sm2 front(true);
+    EXPECT_TRUE(front.set_public_key(x.c_str(), y.c_str()));
+    front.gen_k();
+    std::vector<unsigned char> cipher(static_cast<size_t>(length) + 97);
+    int cipher_length = 0;
+    EXPECT_TRUE(front.encode(cipher.data(), cipher_length, static_cast<const unsigned char*>(plain), length));
+    return std::string(1, type_digit) + hex(cipher.data(), cipher_length);
+}
+
+class Login : public ::testing::Test {
+protected:
+    Login() : api("./", &reactor) {
+        running.create(true, nullptr);
+        LoginProbe::attach(api, &reactor, &running);
+    }
+    ~Login() override {
+        LoginProbe::detach(api);
+        running.stop();
+        running.join();
+    }
+
+    // A key request, then the crypt reply with this key text.
+    void exchange(const std::string& key_text, int crypt_value = 424242) {
+        LoginProbe::key_request(api);
+        ReplyPacket reply(24722, 0);
+        reply.add(info_of(0)).add(crypt_value_of(crypt_value)).add(key_text_of(key_text));
+        LoginProbe::crypt_reply(api, reply.commit(), &spi);
+    }
+
+    SentPacket last_sent() {
+        std::vector<SentPacket> packets = LoginProbe::sent(api);
+        EXPECT_FALSE(packets.empty());
+        return packets.empty() ? SentPacket() : packets.back();
+    }
+
+    Parallel::FdReactor reactor{nullptr};
+    Parallel::FdReactor running{nullptr};
+    Api::TradeApi api;
+    RecordingSpi spi;
+};
+
+TEST_F(Login, KeyRequestCarriesTheVersionAndAFreshPublicKeyEachTime) {
+    LoginProbe::key_request(api);
+    std::string first = LoginProbe::auth_text(api);
+    LoginProbe::key_request(api);
+    std::string second = LoginProbe::auth_text(api);
+    std::vector<SentPacket> packets = LoginProbe::sent(api);
+    ASSERT_EQ(packets.size(), 2u);
+    for (size_t i = 0; i < 2; ++i) {
+        const SentPacket& packet = packets[i];
+        EXPECT_EQ(packet.header.PacketId, 24721u);
+        EXPECT_EQ(packet.header.RequestId, 0u);
+        EXPECT_EQ(packet.header.Subject, 0);
+        ASSERT_EQ(packet.ids, (std::vector<unsigned short>{32778, 32791}));
+        QelUserapiInitAuthInfoField version;
+        ASSERT_TRUE(packet.get(32778, &QelUserapiInitAuthInfoField::DESC, &version));
+        EXPECT_EQ(version.InitEncryptInfo, 25081826);
+        QelUserapiSessionAuthInfoField key;
+        ASSERT_TRUE(packet.get(32791, &QelUserapiSessionAuthInfoField::DESC, &key));
+        EXPECT_EQ(std::string(key.EncryptUserApiInfo), i == 0 ? first : second);
+    }
+    for (const std::string& text : {first, second}) {
+        ASSERT_EQ(text.size(), 132u);
+        EXPECT_EQ(text.substr(0, 2), "40");
+        EXPECT_EQ(text.substr(66, 2), "40");
+        EXPECT_EQ(text.find_first_not_of("0123456789ABCDEF"), std::string::npos);
+    }
+    EXPECT_NE(first, second);  // a new pair for every connection
+}
+
+TEST_F(Login, EachKeyFormSettlesTheCipherAndReadiness) {
+    // "0": no cipher, the session is ready all the same.
+    exchange("0", 77);
+    EXPECT_TRUE(LoginProbe::crypt_ready(api));
+    EXPECT_EQ(LoginProbe::crypt_value(api), 77);
+    unsigned char type = 9;
+    unsigned long key = 1;
+    EXPECT_EQ(LoginProbe::read_key(api, "0", type, key), 0);
+
+    // The masked form: letter minus 'A' is the cipher, the mask comes off.
+    const uint64_t secret = 0x0123456789ABCDEFull;
+    LoginProbe::key_request(api);
+    std::string text = masked_key_text(LoginProbe::auth_text(api), 'D', secret);
+    ASSERT_EQ(LoginProbe::read_key(api, text.c_str(), type, key), 1);
+    EXPECT_EQ(type, 3);
+    EXPECT_EQ(key, secret);
+    // A key by hash belongs to the public key it was made for.
+    LoginProbe::key_request(api);
+    ASSERT_EQ(LoginProbe::read_key(api, text.c_str(), type, key), 1);
+    EXPECT_NE(key, secret);
+
+    // The enciphered form: digit minus '0' is the cipher, 8 bytes come back.
+    LoginProbe::key_request(api);
+    text = sealed_key_text(LoginProbe::auth_text(api), '4', &secret, 8);
+    ASSERT_EQ(LoginProbe::read_key(api, text.c_str(), type, key), 1);
+    EXPECT_EQ(type, 4);
+    EXPECT_EQ(key, secret);
+    // Lower-case digits read the same.
+    for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    ASSERT_EQ(LoginProbe::read_key(api, text.c_str(), type, key), 1);
+    EXPECT_EQ(key, secret);
+
+    // Through the reply handler, each form ends ready.
+    for (int form = 0; form < 2; ++form) {
+        LoginProbe::key_request(api);
+        std::string key_text = form == 0 ? masked_key_text(LoginProbe::auth_text(api), 'B', secret)
+                                         : sealed_key_text(LoginProbe::auth_text(api), '3', &secret, 8);
+        ReplyPacket reply(24722, 0);
+        reply.add(info_of(0)).add(crypt_value_of(1000 + form)).add(key_text_of(key_text));
+        LoginProbe::crypt_reply(api, reply.commit(), &spi);
+        EXPECT_TRUE(LoginProbe::crypt_ready(api)) << form;
+        EXPECT_EQ(LoginProbe::crypt_value(api), 1000 + form);
+    }
+    EXPECT_TRUE(spi.errors.empty());  // a good crypt reply tells the spi nothing
+}
+
+TEST_F(Login, UnusableKeyTextsAreRefused) {
+    LoginProbe::key_request(api);
+    const char* auth = LoginProbe::auth_text(api);
+    const uint64_t secret = 42;
+    unsigned char nine[9] = {1, 2, 3, 4, 5, 6, 7, 8, 9};
+    std::string sealed = sealed_key_text(auth, '4', &secret, 8);
+    std::string flipped = sealed;
+    flipped[40] = flipped[40] == 'A' ? 'B' : 'A';
+    std::string masked = masked_key_text(auth, 'D', secret);
+    std::string bad_digit = masked;
+    bad_digit[5] = 'G';
+    const std::string texts[] = {
+        "",                                   // nothing at all
+        "5",                                  // one character that isn't "0"
+        "A",                                  // a letter alone
+        "/" + sealed.substr(1),               // below '0'
+        sealed_key_text(auth, '4', nine, 9),  // a key of 9 bytes
+        flipped,                              // a cipher text that doesn't verify
+        sealed.substr(0, sealed.size() - 2),  // cut short
+        bad_digit,                            // not hexadecimal
+        "4" + std::string(298, 'F'),          // as long as the record allows
+    };
+    for (const std::string& text : texts) {
+        unsigned char type = 0;
+        unsigned long key = 0;
+        EXPECT_EQ(LoginProbe::read_key(api, text.c_str(), type, key), -1) << "[" << text << "]";
+    }
+}
+
+TEST_F(Login, MalformedCryptRepliesLeaveTheSessionUnready) {
+    LoginProbe::key_request(api);
+    {
+        ReplyPacket reply(24722, 0);  // records in the wrong order
+        reply.add(crypt_value_of(1)).add(info_of(0)).add(key_text_of("0"));
+        LoginProbe::crypt_reply(api, reply.commit(), &spi);
+    }
+    {
+        ReplyPacket reply(24722, 0);  // no key text
+        reply.add(info_of(0)).add(crypt_value_of(1));
+        LoginProbe::crypt_reply(api, reply.commit(), &spi);
+    }
+    {
+        ReplyPacket reply(24722, 0);  // no crypt value
+        reply.add(info_of(0)).add(key_text_of("0"));
+        LoginProbe::crypt_reply(api, reply.commit(), &spi);
+    }
+    {
+        ReplyPacket reply(24722, 0);  // a key text that gives no key
+        reply.add(info_of(0)).add(crypt_value_of(1)).add(key_text_of("7"));
+        LoginProbe::crypt_reply(api, reply.commit(), &spi);
+    }
+    EXPECT_FALSE(LoginProbe::crypt_ready(api));
+    EXPECT_TRUE(spi.errors.empty());
+    {
+        ReplyPacket reply(24722, 17, 'L');  // the front refuses
+        reply.add(info_of(1001, "no keys today")).add(crypt_value_of(1)).add(key_text_of("0"));
+        LoginProbe::crypt_reply(api, reply.commit(), &spi);
+    }
+    EXPECT_FALSE(LoginProbe::crypt_ready(api));
+    EXPECT_EQ(spi.errors, std::vector<int>{1001});
+    EXPECT_EQ(spi.requests, std::vector<int>{17});
+}
+
+TEST_F(Login, AuthenticationSendsTheCryptValueUnderTheAuthCode) {
+    LoginProbe::crypt_value(api) = -123456789;
+    CTulmQelcProductAuthField auth;
+    std::memset(&auth, 0, sizeof(auth));
+    std::memset(auth.AppID, 'a', 40);  // 40 characters and no zero: cut there
+    std::memcpy(auth.AuthCode, "0123456789abcdefXY", 17);
+    LoginProbe::authenticate(api, &auth, 31);
+    SentPacket packet = last_sent();
+    EXPECT_EQ(packet.header.PacketId, 24746u);
+    EXPECT_EQ(packet.header.RequestId, 31u);
+    ASSERT_EQ(packet.ids, std::vector<unsigned short>{32790});
+    QelProductAuthField sent;
+    ASSERT_TRUE(packet.get(32790, &QelProductAuthField::DESC, &sent));
+    EXPECT_EQ(std::string(sent.AppID), std::string(40, 'a'));
+    EXPECT_EQ(sent.AuthCode[16], 0);
+    Cipher::Aes aes(reinterpret_cast<const unsigned char*>("0123456789abcdef"), 16);
+    unsigned char plain[16];
+    int length = 0;
+    ASSERT_TRUE(aes.decode_cbc(plain, length, reinterpret_cast<const unsigned char*>(sent.AuthCode), 16, true,
+                               nullptr, 16));
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(plain), static_cast<size_t>(length)), "-123456789");
+    // The clear code never goes out.
+    EXPECT_EQ(packet.values[0].find("0123456789abcdef"), std::string::npos);
+}
+
+TEST_F(Login, AuthenticationRepliesSetAndClearTheFlag) {
+    LoginProbe::trade_flux(api).sent = 1;
+    QelProductAuthField auth;
+    std::memset(&auth, 0, sizeof(auth));
+    Base::str_ncpy(40, auth.AppID, "client_app");
+    {
+        ReplyPacket reply(24747, 5);
+        reply.add(info_of(0)).add(auth);
+        LoginProbe::authenticate_reply(api, reply.commit(), &spi);
+    }
+    EXPECT_TRUE(LoginProbe::auth_ok(api));
+    EXPECT_STREQ(LoginProbe::app_id(api), "client_app");
+    EXPECT_EQ(LoginProbe::trade_flux(api).answered.load(), 1u);
+    {
+        ReplyPacket reply(24747, 6);  // no record: dropped whole
+        reply.add(info_of(77));
+        LoginProbe::authenticate_reply(api, reply.commit(), &spi);
+    }
+    EXPECT_TRUE(LoginProbe::auth_ok(api));
+    {
+        ReplyPacket reply(24747, 7);
+        reply.add(info_of(77, "wrong code")).add(auth);
+        LoginProbe::authenticate_reply(api, reply.commit(), &spi);
+    }
+    EXPECT_FALSE(LoginProbe::auth_ok(api));
+    EXPECT_STREQ(LoginProbe::app_id(api), "");
+    // A reply beyond what was sent counts nothing.
+    EXPECT_EQ(LoginProbe::trade_flux(api).answered.load(), 1u);
+    EXPECT_EQ(spi.auths, (std::vector<std::string>{"client_app/0", "client_app/77"}));
+    EXPECT_EQ(spi.requests, (std::vector<int>{5, 7}));
+}
+
+CTulmQelcReqUserLoginField login_request() {
+    CTulmQelcReqUserLoginField login;
+    std::memset(&login, 0, sizeof(login));
+    Base::str_ncpy(8, login.TradingDay, "20250102");
+    Base::str_ncpy(15, login.UserID, "trader01");
+    Base::str_ncpy(10, login.ParticipantID, "PART01");
+    std::memset(login.Password, 'p', 41);  // 41 characters and no zero
+    Base::str_ncpy(40, login.UserProductInfo, "my_app");
+    Base::str_ncpy(40, login.InterfaceProductInfo, "replaced");
+    Base::str_ncpy(40, login.ProtocolInfo, "replaced too");
+    login.DataCenterID = 3;
+    return login;
+}
+
+TEST_F(Login, LoginCarriesTheCallersFieldsWhenNoTopicWaits) {
+    CTulmQelcReqUserLoginField request = login_request();
+    LoginProbe::resume_day(api)[0] = 0;
+    long before = 0, after = 0;
+    int ms = 0;
+    Base::DateTime::get_now(before, ms);
+    LoginProbe::login(api, &request, 12);
+    Base::DateTime::get_now(after, ms);
+    SentPacket packet = last_sent();
+    EXPECT_EQ(packet.header.PacketId, 4097u);
+    EXPECT_EQ(packet.header.RequestId, 12u);
+    EXPECT_EQ(packet.header.Version, 4);
+    // No flow, no position; no authentication, no terminal information.
+    EXPECT_EQ(packet.ids, (std::vector<unsigned short>{10, 32776}));
+    QelReqUserLoginField login;
+    ASSERT_TRUE(packet.get(10, &QelReqUserLoginField::DESC, &login));
+    EXPECT_STREQ(login.TradingDay, "20250102");
+    EXPECT_EQ(login.DataCenterID, 3);
+    EXPECT_STREQ(login.UserID, "trader01");
+    EXPECT_STREQ(login.ParticipantID, "PART01");
+    EXPECT_EQ(std::string(login.Password, 41), std::string(40, 'p') + '\0');
+    EXPECT_STREQ(login.UserProductInfo, "my_app");
+    EXPECT_STREQ(login.InterfaceProductInfo, "TULM QelTradeApi V2.00 202508.1826");
+    EXPECT_EQ(std::string(login.ProtocolInfo, 7), std::string("QELC 4\0", 7));
+
+    // Behind "QELC 4": 34 bytes from which the front recovers the second
+    // and checks the user.
+    const unsigned char* block = reinterpret_cast<const unsigned char*>(login.ProtocolInfo + 7);
+    uint32_t hidden = uint32_t(block[7]) << 24 | uint32_t(block[8]) << 16 | uint32_t(block[9]) << 8 | block[10];
+    uint32_t mix = uint32_t(block[5]) << 24 | uint32_t(block[6]) << 16 | uint32_t(block[32]) << 8 | block[33];
+    long seconds = static_cast<long>(hidden ^ mix);
+    EXPECT_GE(seconds, before);
+    EXPECT_LE(seconds, after);
+    Cipher::Sm3 sm3;
+    sm3.update(block, 7);
+    std::string text = std::to_string(seconds) + " trader01";
+    sm3.update(text.data(), static_cast<int>(text.size()));
+    sm3.update(block + 27, 7);
+    sm3.final();
+    for (int i = 0; i < 16; ++i) EXPECT_EQ(block[11 + i], sm3.digest()[2 * i]) << i;
+}
+
+TEST_F(Login, WaitingTopicsBringTheirPositionsAndTheirDay) {
+    Base::str_ncpy(8, LoginProbe::resume_day(api), "20250101");
+    LoginProbe::data_center_id(api) = 7;
+    LoginProbe::make_topic(api, 2, 1234);
+    LoginProbe::make_topic(api, 3, 55);
+    LoginProbe::make_topic(api, 5, 99);
+    LoginProbe::resume(api, 2) = TE_RESUME_FROM_SAVED;
+    LoginProbe::resume(api, 3) = TE_RESUME_FROM_NOW;
+    LoginProbe::resume(api, 5) = TE_RESUME_FROM_START;
+    LoginProbe::pending(api, 5) = false;  // taken by a subscription already
+    CTulmQelcReqUserLoginField request = login_request();
+    LoginProbe::login(api, &request, 1);
+    SentPacket packet = last_sent();
+    EXPECT_EQ(packet.ids, (std::vector<unsigned short>{10, 1, 1, 32776}));
+    QelReqUserLoginField login;
+    ASSERT_TRUE(packet.get(10, &QelReqUserLoginField::DESC, &login));
+    EXPECT_STREQ(login.TradingDay, "20250101");
+    EXPECT_EQ(login.DataCenterID, 7);
+    QelDisseminationField first, second;
+    first.SequenceSeries = second.SequenceSeries = 0;
+    SentPacket positions = packet;
+    positions.ids.erase(positions.ids.begin());
+    positions.values.erase(positions.values.begin());
+    ASSERT_TRUE(positions.get(1, &QelDisseminationField::DESC, &first));
+    positions.ids.erase(positions.ids.begin());
+    positions.values.erase(positions.values.begin());
+    ASSERT_TRUE(positions.get(1, &QelDisseminationField::DESC, &second));
+    EXPECT_EQ(first.SequenceSeries, 2);
+    EXPECT_EQ(first.SequenceNo, 1234);
+    EXPECT_EQ(second.SequenceSeries, 3);
+    EXPECT_EQ(second.SequenceNo, -1);  // from now, not yet positioned
+
+    // Nothing waiting: the caller's day stands.
+    LoginProbe::pending(api, 2) = false;
+    LoginProbe::pending(api, 3) = false;
+    LoginProbe::login(api, &request, 2);
+    packet = last_sent();
+    EXPECT_EQ(packet.ids, (std::vector<unsigned short>{10, 32776}));
+    ASSERT_TRUE(packet.get(10, &QelReqUserLoginField::DESC, &login));
+    EXPECT_STREQ(login.TradingDay, "20250102");
+    EXPECT_EQ(login.DataCenterID, 3);
+}
+
+TEST_F(Login, AnAuthenticatedLoginCarriesTheTerminalInformation) {
+    QelProductAuthField auth;
+    std::memset(&auth, 0, sizeof(auth));
+    Base::str_ncpy(40, auth.AppID, "desk@3");
+    ReplyPacket reply(24747, 5);
+    reply.add(info_of(0)).add(auth);
+    LoginProbe::authenticate_reply(api, reply.commit(), &spi);
+    ASSERT_TRUE(LoginProbe::auth_ok(api));
+    Base::str_ncpy(300, LoginProbe::system_info(api), "0@2@2025-01-02 09:30:00@10.0.0.5@@0a0b0c0d0e0f@@host@6.1.0@@@");
+    CTulmQelcReqUserLoginField request = login_request();
+    LoginProbe::login(api, &request, 3);
+    SentPacket packet = last_sent();
+    EXPECT_EQ(packet.ids, (std::vector<unsigned short>{10, 32776, 32789}));
+    QelUserSystemInfoField terminal;
+    ASSERT_TRUE(packet.get(32789, &QelUserSystemInfoField::DESC, &terminal));
+    EXPECT_STREQ(terminal.LocalSystemInnerInfo,
+                 "PART01@0@2@2025-01-02 09:30:00@10.0.0.5@@0a0b0c0d0e0f@@host@6.1.0@@@@0@desk&at3");
+    EXPECT_EQ(terminal.hasAuthed, 0);
+    EXPECT_STREQ(LoginProbe::app_id(api), "desk@3");  // escaped in a copy only
+}
+
+QelRspUserLoginField login_reply_record(const char* day, const char* user) {
+    QelRspUserLoginField record;
+    std::memset(&record, 0, sizeof(record));
+    Base::str_ncpy(8, record.TradingDay, day);
+    Base::str_ncpy(12, record.MaxOrderLocalID, "000000000042");
+    Base::str_ncpy(15, record.UserID, user);
+    Base::str_ncpy(10, record.ParticipantID, "PART01");
+    record.DataCenterID = 9;
+    return record;
+}
+
+QelUserCommFluxControlField limits_of(int a, int b, int c, int d) {
+    QelUserCommFluxControlField limits;
+    limits.MaxTradeCommFlux = a;
+    limits.MaxTradeOnWayCommFlux = b;
+    limits.MaxQueryCommFlux = c;
+    limits.MaxQueryOnWayCommFlux = d;
+    return limits;
+}
+
+TEST_F(Login, LoginRefusedThenAccepted) {
+    Base::str_ncpy(8, LoginProbe::resume_day(api), "20250101");
+    LoginProbe::trade_flux(api).sent = 3;
+    {
+        ReplyPacket reply(4098, 1);  // refused: the state stays
+        reply.add(info_of(60, "bad password")).add(login_reply_record("20250106", "trader01"));
+        LoginProbe::login_reply(api, reply.commit(), &spi);
+    }
+    EXPECT_FALSE(LoginProbe::logged_in(api));
+    EXPECT_STREQ(LoginProbe::trading_day(api), "");
+    EXPECT_STREQ(LoginProbe::max_order_local_id(api), "");
+    EXPECT_EQ(LoginProbe::data_center_id(api), 0);
+    {
+        ReplyPacket reply(4098, 2);  // refused without the record: no call at all
+        reply.add(info_of(60));
+        LoginProbe::login_reply(api, reply.commit(), &spi);
+    }
+    {
+        ReplyPacket reply(4098, 3);  // accepted but without limits: dropped
+        reply.add(info_of(0)).add(login_reply_record("20250106", "trader01"));
+        LoginProbe::login_reply(api, reply.commit(), &spi);
+    }
+    EXPECT_FALSE(LoginProbe::logged_in(api));
+    EXPECT_EQ(spi.logins, std::vector<std::string>{"trader01/60"});
+    {
+        ReplyPacket reply(4098, 4);
+        reply.add(info_of(0)).add(limits_of(10, -5, 0, 200)).add(login_reply_record("20250106", "trader01"));
+        LoginProbe::login_reply(api, reply.commit(), &spi);
+    }
+    EXPECT_TRUE(LoginProbe::logged_in(api));
+    EXPECT_STREQ(LoginProbe::trading_day(api), "20250106");
+    EXPECT_STREQ(LoginProbe::max_order_local_id(api), "000000000042");
+    EXPECT_EQ(LoginProbe::data_center_id(api), 9);
+    EXPECT_STREQ(LoginProbe::participant_id(api), "PART01");
+    EXPECT_STREQ(LoginProbe::user_id(api), "trader01");
+    EXPECT_STREQ(LoginProbe::resume_day(api), "20250101");  // the day of the positions stays
+    EXPECT_EQ(LoginProbe::trade_flux(api).max_per_second, 10u);
+    EXPECT_EQ(LoginProbe::trade_flux(api).max_on_way, 0u);
+    EXPECT_EQ(LoginProbe::query_flux(api).max_per_second, 0u);
+    EXPECT_EQ(LoginProbe::query_flux(api).max_on_way, 200u);
+    EXPECT_EQ(spi.logins, (std::vector<std::string>{"trader01/60", "trader01/0"}));
+    EXPECT_EQ(spi.requests, (std::vector<int>{1, 4}));
+    EXPECT_EQ(LoginProbe::trade_flux(api).answered.load(), 2u);
+
+    // A refused logout changes nothing; a good one ends the login.
+    QelRspUserLogoutField logout;
+    std::memset(&logout, 0, sizeof(logout));
+    Base::str_ncpy(15, logout.UserID, "trader01");
+    {
+        ReplyPacket reply(4100, 5);
+        reply.add(info_of(8)).add(logout);
+        LoginProbe::logout_reply(api, reply.commit(), &spi);
+    }
+    EXPECT_TRUE(LoginProbe::logged_in(api));
+    {
+        ReplyPacket reply(4100, 6);
+        reply.add(info_of(0)).add(logout);
+        LoginProbe::logout_reply(api, reply.commit(), &spi);
+    }
+    EXPECT_FALSE(LoginProbe::logged_in(api));
+    EXPECT_STREQ(LoginProbe::participant_id(api), "");
+    EXPECT_STREQ(LoginProbe::user_id(api), "");
+    EXPECT_STREQ(LoginProbe::trading_day(api), "20250106");
+    EXPECT_EQ(spi.logouts, (std::vector<std::string>{"trader01/8", "trader01/0"}));
+    EXPECT_EQ(LoginProbe::trade_flux(api).answered.load(), 3u);  // never past sent
+}
+
+TEST_F(Login, ANullSpiStillLogsIn) {
+    ReplyPacket reply(4098, 4);
+    reply.add(info_of(0)).add(limits_of(1, 2, 3, 4)).add(login_reply_record("20250106", "u"));
+    LoginProbe::login_reply(api, reply.commit(), nullptr);
+    EXPECT_TRUE(LoginProbe::logged_in(api));
+}
+
+}  // namespace
