@@ -141,6 +141,7 @@ int TradeApi::Init() {
     if (used == nullptr) {
         used = new Parallel::FdReactor(nullptr);
         // QEL_BUSY_POLL: the opt-in busy-poll mode of the own reactor is switched on here.
+        used->set_busy_poll(Parallel::busy_poll_cpu());
     }
     // Release: the configuration calls of other threads see a started
     // object from here on and answer -10.

@@ -132,6 +132,9 @@ public:
     std::atomic<bool> answer_keys{true};
     std::atomic<bool> answer_login{true};
     std::atomic<bool> answer_requests{false};  // an RspError for each request
+    std::atomic<bool> keep_frames{true};       // off: only count request frames, for long runs
+    std::atomic<uint64_t> arrivals{0};         // request frames (subject 1) so far
+    std::atomic<uint64_t> last_arrival{0};     // clock of the latest one
     Limits limits;  // set before the login
     char max_order_local_id[13] = "";
     char participant_id[11] = "P1";
@@ -186,7 +189,12 @@ protected:
         Network::QelcPacket::from_stream(&frame.header, data + 6);
         frame.subject = frame.header.Subject;
         frame.bytes.assign(data, size);
-        {
+        if (frame.subject == 1) {
+            // Release: a thread that sees the count sees the clock.
+            last_arrival.store(frame.clock, std::memory_order_relaxed);
+            arrivals.fetch_add(1, std::memory_order_release);
+        }
+        if (keep_frames.load(std::memory_order_relaxed)) {
             std::lock_guard<std::mutex> lock(mutex);
             received.push_back(frame);
         }
