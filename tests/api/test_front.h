@@ -263,18 +263,31 @@ protected:
     std::vector<Frame> received;
 };
 
-// A port on 127.0.0.1 where nothing listens: connects are refused.
-inline int refusing_port() {
-    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a));
-    socklen_t n = sizeof(a);
-    getsockname(fd, reinterpret_cast<sockaddr*>(&a), &n);
-    ::close(fd);
-    return ntohs(a.sin_port);
-}
+// A port on 127.0.0.1 that refuses connections for as long as the object
+// lives: bound but not listening, so neither a listener of another test
+// nor a connect's own source port (a self-connection) can take it.
+class RefusingPort {
+public:
+    RefusingPort() {
+        fd = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a));
+        socklen_t n = sizeof(a);
+        getsockname(fd, reinterpret_cast<sockaddr*>(&a), &n);
+        port = ntohs(a.sin_port);
+    }
+    ~RefusingPort() { release(); }
+    // Frees the port, for a listener to take it at once.
+    void release() {
+        if (fd >= 0) ::close(fd);
+        fd = -1;
+    }
+    std::string address() const { return "tcp://127.0.0.1:" + std::to_string(port); }
+    int fd;
+    int port;
+};
 
 // A listener that takes connections into its backlog and never answers:
 // a silent name server.
