@@ -160,7 +160,7 @@ private:
     struct Resolved;  // the numeric addresses that Init keeps
     int resolve_addresses(Resolved* out);
     void start_sessions(const Resolved* addresses);  // Init's steps from the bond session on
-    void teardown(bool stop_reactor);                // Release's work on the reactor thread
+    void teardown(bool from_callback);               // Release's work on the reactor thread
     // Set by a teardown that stopped the own reactor's thread without
     // joining it (Release from inside a callback); Join joins it. Written
     // before release_sign is set and read after Join took it.
