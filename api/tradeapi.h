@@ -204,11 +204,14 @@ private:
     // struct form into reply_buffers[buffer], ends every text member with a
     // zero and returns the buffer; otherwise null.
     void* take_record(unsigned short id, const Base::FieldDesc* desc, int buffer);
-    // The same for the record the iterator stands on.
-    void* decode_record(const Base::FieldDesc* desc, int buffer);
+    // The same for the record the iterator stands on, by its generated
+    // coder when one is given.
+    void* decode_record(const Base::FieldDesc* desc, Network::QelcPacket::FromStreamCoder coder, int buffer);
   public:
     struct DispatchEntry;  // one row of the packet table
   private:
+    // take_record with the row's record and coder.
+    void* take_entry_record(const DispatchEntry* entry, int buffer);
     // Decodes the header of a stored frame into `packet` and attaches the
     // iterator to its body; false when the frame can't hold the headers.
     bool open_frame(const void* data, unsigned short size);
