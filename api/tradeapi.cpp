@@ -1,9 +1,19 @@
 #include "api/tradeapi.h"
 
+#include <arpa/inet.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
 #include <cstring>
 #include <initializer_list>
 
+#include "base/measure.h"
+#include "base/random.h"
 #include "base/strings.h"
+#include "network/qelcsession.h"
+#include "network/uri.h"
+#include "parallel/fdreactor.h"
 
 namespace Api {
 
@@ -49,7 +59,8 @@ TradeApi::TradeApi(const char* path, Parallel::FdReactor* reactor_given)
       resume_file(nullptr),
       resume_file_length(0),
       release_sign(0),
-      released(false) {
+      released(false),
+      start_state(0) {
     Base::str_ncpy(sizeof(flow_path) - 1, flow_path, path);
     std::memset(fronts, 0, sizeof(fronts));
     std::memset(name_servers, 0, sizeof(name_servers));
@@ -81,29 +92,217 @@ TradeApi::~TradeApi() {
     if (resume_file) std::fclose(resume_file);
 }
 
-int TradeApi::Init() {
-    if (reactor != nullptr) return -5;
-    // The network side joins here once the reactor, flows and sessions
-    // exist; until then only a given reactor can start the object.
-    if (given_reactor == nullptr) return -9;
-    reactor = given_reactor;
+namespace {
+// One address as Init keeps it: numeric IPv4 text and port; port 0 marks
+// an entry skipped.
+struct Address {
+    char host[INET_ADDRSTRLEN];
+    int port;
+};
+}  // namespace
+
+// The addresses that Init keeps, by the index of the entry in its table.
+struct TradeApi::Resolved {
+    Address fronts[MAX_FRONTS];
+    int front_count;
+    Address name_servers[MAX_NAME_SERVERS];
+    int name_server_count;
+};
+
+// Parses the entry and looks its host up for IPv4; the first address wins.
+static void resolve(const char* text, Address* out) {
+    out->port = 0;
+    Base::Uri uri(text);
+    if (uri.get_port() == 0 || uri.get_host() == nullptr) return;
+    addrinfo hints;
+    std::memset(&hints, 0, sizeof(hints));
+    hints.ai_family = AF_INET;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    if (getaddrinfo(uri.get_host(), nullptr, &hints, &found) != 0 || found == nullptr) return;
+    const sockaddr_in* ip = reinterpret_cast<const sockaddr_in*>(found->ai_addr);
+    if (inet_ntop(AF_INET, &ip->sin_addr, out->host, sizeof(out->host)) != nullptr)
+        out->port = uri.get_port();
+    freeaddrinfo(found);
+}
+
+int TradeApi::resolve_addresses(Resolved* out) {
+    api_mutex.enter();
+    out->front_count = front_count;
+    out->name_server_count = name_server_count;
+    for (int i = 0; i < front_count; ++i) resolve(fronts[i], &out->fronts[i]);
+    for (int i = 0; i < name_server_count; ++i) resolve(name_servers[i], &out->name_servers[i]);
+    api_mutex.leave();
     return 0;
 }
 
-int TradeApi::on_event(int event, void* argument) { return 0; }
+int TradeApi::Init() {
+    int fresh = 0;
+    if (!start_state.compare_exchange_strong(fresh, 1, std::memory_order_acq_rel)) return -5;
+    Parallel::FdReactor* used = given_reactor;
+    if (used == nullptr) {
+        used = new Parallel::FdReactor(nullptr);
+        // Opt-in: QEL_BUSY_POLL=<cpu> pins the own reactor there, polling without naps.
+        used->set_busy_poll(Parallel::busy_poll_cpu());
+    }
+    // Release: the configuration calls of other threads see a started
+    // object from here on and answer -10.
+    reactor.store(used, std::memory_order_release);
+    read_resume();
 
-void TradeApi::start_sessions() {}
+    request_queue = new Base::DataFlow(0, 0x100000, 0x100000, nullptr, nullptr, 0, nullptr, true, false);
+    queue_iterator = new Base::DataFlow::Iterator(request_queue, used, nullptr, nullptr);
+    control_flow = new Network::QelcFlow(0, 0x100000, 0x100000, nullptr, nullptr, 0, nullptr, true, false);
+    control_writer = new Network::QelcFlow::Writer(control_flow, false);
+    request_flow = new Network::QelcFlow(1, 0xa00000, 0xa00000, nullptr, nullptr, 0, nullptr, true, false);
+    request_writer = new Network::QelcFlow::Writer(request_flow, false);
+    response_flow = new Network::QelcFlow(1, 0xa00000, 0xa00000, nullptr, this, 0, nullptr, false, false);
+    struct Topic {
+        TE_RESUME_TYPE type;
+        Network::QelcFlow** flow;
+        unsigned short subject;
+    };
+    const Topic topics[] = {
+        {private_resume, &private_flow, 2}, {public_resume, &public_flow, 3}, {user_resume, &user_flow, 5}};
+    for (const Topic& topic : topics)
+        if (topic.type != TE_RESUME_NONE)
+            *topic.flow = new Network::QelcFlow(topic.subject, 0xa00000, 0xa00000, nullptr, this,
+                                                resume_start_id(topic.subject), nullptr, false, false);
+    get_system_info(system_info);
 
-void TradeApi::teardown() {}
+    Resolved* addresses = new Resolved;
+    resolve_addresses(addresses);
+    if (given_reactor == nullptr) {
+        start_sessions(addresses);
+        used->create(true, nullptr);
+    } else {
+        // The given reactor runs already: the session is built and opened on
+        // its thread, and Init returns once that is done.
+        Base::Sign done(0);
+        used->add_event(START_EVENT, addresses, &done, this, false);
+        done.join();
+    }
+    delete addresses;
+    // Release: a Release on another thread that sees 2 finds the object whole.
+    start_state.store(2, std::memory_order_release);
+    return 0;
+}
 
+// Steps from the session on; on the reactor thread, or before it starts.
+void TradeApi::start_sessions(const Resolved* addresses) {
+    Parallel::FdReactor* used = reactor.load(std::memory_order_relaxed);
+    session = new Network::QelcBondClientSession(used, this, nullptr, 2);
+    tick_timer = used->add_timer(1, 1000000, false, this, false);
+    unsigned int order[MAX_FRONTS];
+    unsigned int seed = static_cast<unsigned int>(Base::Measure::get_clock());
+    if (addresses->front_count > 0) {
+        Base::Random::shuffle(order, addresses->front_count, seed);
+        for (int i = 0; i < addresses->front_count; ++i) {
+            const Address& front = addresses->fronts[order[i]];
+            if (front.port != 0) session->open(front.host, front.port);
+        }
+    }
+    if (addresses->name_server_count > 0) {
+        Base::Random::shuffle(order, addresses->name_server_count, seed);
+        for (int i = 0; i < addresses->name_server_count; ++i) {
+            const Address& server = addresses->name_servers[order[i]];
+            if (server.port != 0) session->register_fens(server.host, server.port);
+        }
+    }
+    used->add_handler(this);
+}
+
+int TradeApi::on_event(int event, void* argument) {
+    switch (event) {
+    case WAKE_EVENT:
+        if (crypt_ready.load(std::memory_order_acquire)) drain_queue();
+        break;
+    case RELEASE_EVENT:
+        teardown(argument != nullptr);
+        break;
+    case START_EVENT:
+        start_sessions(static_cast<const Resolved*>(argument));
+        break;
+    case RESPONSE_LOG_EVENT:
+        swap_response_log(static_cast<FILE*>(argument));
+        break;
+    default:
+        break;
+    }
+    return 0;
+}
+
+// On the reactor thread. No callback runs in it: spi is null already, and
+// the close that deleting the session brings is swallowed by
+// on_disconnected, as released is set.
+void TradeApi::teardown(bool stop_reactor) {
+    Parallel::FdReactor* used = reactor.load(std::memory_order_relaxed);
+    used->remove_handler(this);
+    used->remove_timer(tick_timer);
+    save_resume();
+    // A request racing with Release finds logged_in and link_time clear
+    // under the lock and refuses, instead of writing into a deleted flow.
+    api_mutex.enter();
+    logged_in.store(false, std::memory_order_relaxed);
+    link_time.store(0, std::memory_order_relaxed);
+    api_mutex.leave();
+    delete session;
+    delete user_flow;
+    delete public_flow;
+    delete private_flow;
+    delete response_flow;
+    delete request_writer;
+    delete request_flow;
+    delete control_writer;
+    delete control_flow;
+    delete queue_iterator;
+    delete request_queue;
+    if (stop_reactor && given_reactor == nullptr) {
+        reactor_unjoined = true;
+        used->stop();
+    }
+    // Sets the sign last: Join may free the object as soon as it is set.
+    if (stop_reactor) release_sign.set();
+}
+
+// The own reactor's thread is joined here, but the reactor object lives on
+// until Join, so that Join can still ask it whether it runs the caller.
 int TradeApi::Release() {
-    if (reactor == nullptr) return -9;
+    // Acquire pairs with Init's last store: everything Init built is visible.
+    if (start_state.load(std::memory_order_acquire) != 2) return -9;
+    Parallel::FdReactor* used = reactor.load(std::memory_order_relaxed);
+    if (released.exchange(true, std::memory_order_acq_rel)) return -5;
+    spi.store(nullptr, std::memory_order_release);
+    if (used->is_current()) {
+        // Inside a callback: the teardown runs once the callback returned.
+        used->add_event(RELEASE_EVENT, this, nullptr, this, true);
+        return 0;
+    }
+    Base::Sign done(0);
+    used->add_event(RELEASE_EVENT, nullptr, &done, this, false);
+    done.join();
+    if (given_reactor == nullptr) {
+        used->stop();
+        used->join();
+    }
     release_sign.set();
     return 0;
 }
 
 int TradeApi::Join() {
+    Parallel::FdReactor* used = reactor.load(std::memory_order_acquire);
+    if (used != nullptr && used->is_running() && used->is_current()) return -5;
+    // A trader that never started has nothing to wait for: Release refused
+    // it with -9 and will never set the sign, so waiting would hang for ever.
+    if (used == nullptr) {
+        delete this;
+        return 0;
+    }
     release_sign.join();
+    if (given_reactor == nullptr && used != nullptr) {
+        if (reactor_unjoined) used->join();
+        delete used;
+    }
     delete this;
     return 0;
 }

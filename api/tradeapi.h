@@ -50,6 +50,8 @@ struct QelUserapiAuthenticInfoField;
 
 namespace Api {
 
+struct RequestForm;  // what differs between two direct requests (traderequests.cpp)
+
 class TradeApi : public CTulmQelcTraderApi,
                  public Network::ClientSession,
                  public Parallel::Handler,
@@ -155,14 +157,29 @@ private:
     int set_resume(TE_RESUME_TYPE& slot, TE_RESUME_TYPE type);
 
     // ---- start and stop (tradeapi.cpp) ----
-    void start_sessions();  // Init's steps from the bond session on
-    void teardown();        // Release's work on the reactor thread
+    struct Resolved;  // the numeric addresses that Init keeps
+    int resolve_addresses(Resolved* out);
+    void start_sessions(const Resolved* addresses);  // Init's steps from the bond session on
+    void teardown(bool stop_reactor);                // Release's work on the reactor thread
+    // Set by a teardown that stopped the own reactor's thread without
+    // joining it (Release from inside a callback); Join joins it. Written
+    // before release_sign is set and read after Join took it.
+    bool reactor_unjoined = false;
 
     // ---- request gate and login queue (tradegate.cpp) ----
     // Writes one record to request_queue under the gate; see ReqUserLogin.
     int queue_request(unsigned short packet_id, int request, const void* field, int size,
                       bool authenticate);
     void drain_queue();
+    // The login pacing: 0 when the login may go on (after a sleep of a
+    // second off the lock when the last one was under a second ago), -3 when
+    // it would have to sleep on the reactor thread.
+    int pace_login();
+
+    // ---- direct requests (traderequests.cpp) ----
+    int send_request(const RequestForm& form, void* field, int request);
+    int write_request(const RequestForm& form, const void* field, int request);
+    int check_local_id(const RequestForm& form, char* field);
 
     // ---- key exchange, authentication, login (tradelogin.cpp) ----
     void write_key_request();
@@ -304,12 +321,17 @@ private:
 
     Base::Sign release_sign;  // set by Release, waited on by Join
     std::atomic<bool> released;
+    // 0 new, 1 Init running, 2 started: Init claims the object with one
+    // compare-and-swap, so two racing Inits start it once; Release waits for 2.
+    std::atomic<int> start_state;
     Base::Mutex api_mutex;    // the one lock of the request side
 };
 
 // The gate test; the caller holds api_mutex. 0, or -2 (too many on the way)
 // or -3 (too many this second). Never counts: the caller adds to `sent`.
 int control_flux(TradeApi::FluxValue* flux);
+// The same on a given clock reading in milliseconds.
+int control_flux(TradeApi::FluxValue* flux, uint64_t now_ms);
 
 // Sets the terminating zero at text[length] and tells whether the text is
 // empty or all blanks.

@@ -194,17 +194,25 @@ void ctr(const unsigned char* keys, int rounds, unsigned char* counter, unsigned
         }
         c = plus(c, WIDE);
     }
-    for (; i < length; i += 16) {
-        __m128i b[1] = {counter_block(c, reverse)};
-        encode_n<1>(keys, rounds, b);
-        if (length - i >= 16) {
-            store(dst + i, _mm_xor_si128(b[0], load(src + i)));
-        } else {
+    if (i < length) {
+        // The last 1 to 8 blocks, whole or not, as one group: eight blocks
+        // in flight cost about what one alone does, so a short frame's
+        // tail takes no longer than a full group.
+        size_t rest = length - i, blocks = (rest + 15) / 16;
+        __m128i b[WIDE];
+#pragma GCC unroll 8
+        for (int j = 0; j < WIDE; ++j) b[j] = counter_block(plus(c, uint64_t(j)), reverse);
+        encode_n<WIDE>(keys, rounds, b);
+        size_t whole = rest / 16;
+        for (size_t j = 0; j < whole; ++j)
+            store(dst + i + 16 * j, _mm_xor_si128(b[j], load(src + i + 16 * j)));
+        if (rest % 16) {
             unsigned char stream[16];
-            store(stream, b[0]);
-            for (size_t k = 0; k < length - i; ++k) dst[i + k] = src[i + k] ^ stream[k];
+            store(stream, b[whole]);
+            for (size_t k = 0; k < rest % 16; ++k)
+                dst[i + 16 * whole + k] = src[i + 16 * whole + k] ^ stream[k];
         }
-        c = plus(c, 1);
+        c = plus(c, blocks);
     }
     // The last value used is one behind the next one.
     if (c.lo-- == 0) c.hi -= 1;

@@ -321,6 +321,10 @@ bool Pem::parse_rsa_private_key(const char* text, char* n, int& n_length, char* 
     std::vector<unsigned char> der;
     if (!read_pem(text, "RSA PRIVATE KEY", password, der))
         return false;
+    // An empty body has no storage (data() may be null): nothing to parse
+    // and nothing to wipe.
+    if (der.empty())
+        return false;
     bool ok = parse_rsa_private_key((const char*)der.data(), (int)der.size(), n, n_length, d,
                                     d_length);
     std::memset(der.data(), 0, der.size());

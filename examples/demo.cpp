@@ -185,9 +185,9 @@ int main(int argc, char** argv) {
     api->RegisterFront(address.c_str());
     api->SubscribePrivateTopic(TE_RESUME_FROM_START);
     api->SubscribePublicTopic(TE_RESUME_FROM_START);
-    api->Init();
-
-    bool ok = trader.wait("login");
+    bool ok = api->Init() == 0;
+    if (!ok) std::printf("demo: Init refused\n");
+    ok = ok && trader.wait("login");
     if (ok) {
         // Client C003 sells 2, client C001 buys 3 at a better price: 2 trade
         // at the seller's price, 1 rests, and is cancelled.
@@ -226,8 +226,7 @@ int main(int argc, char** argv) {
         ok = ok && trader.wait("query");
     }
 
-    api->Release();
-    api->Join();
+    if (api->Release() == 0) api->Join();  // Join frees the object
     delete front;  // stops it
     std::string con = std::string(flow_dir) + "trade.con";
     unlink(con.c_str());

@@ -24,9 +24,9 @@ int main() {
     VersionSpi spi;
     api->RegisterSpi(&spi);
     int front = api->RegisterFront("tcp://127.0.0.1:17001");
-    // Release answers -9 before Init. A trader that never started has no stop
-    // to wait for, so Join would wait for ever: the object stays until exit.
+    // Release answers -9 before Init; Join frees a trader that never started.
     int release = api->Release();
-    std::printf("RegisterFront -> %d\nRelease -> %d\n", front, release);
-    return front == 0 && release == -9 ? 0 : 1;
+    int join = api->Join();
+    std::printf("RegisterFront -> %d\nRelease -> %d\nJoin -> %d\n", front, release, join);
+    return front == 0 && release == -9 && join == 0 ? 0 : 1;
 }

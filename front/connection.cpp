@@ -7,6 +7,7 @@
 
 #include "base/byteorder.h"
 #include "base/measure.h"
+#include "flow/datareader.h"
 #include "front/exchange.h"
 #include "network/channel.h"
 #include "network/qelcchannel.h"
@@ -108,18 +109,35 @@ bool Connection::on_timer(int id) {
 
 int Connection::on_event(int id, void* data) {
     if (id != EVENT_CIPHER) return Network::QelcClientSession::on_event(id, data);
-    // The key answer must leave in clear: send what is queued, then switch.
-    flush();
-    set_cipher(cipher_type, cipher_key);
+    switch_cipher();
     return 0;
 }
 
 void Connection::start_cipher(unsigned char type, unsigned long key) {
     cipher_type = type;
     cipher_key = key;
-    // Forced: runs at the next pass, once the read that brought the key
-    // request has returned, never inside it.
-    reactor->add_event(EVENT_CIPHER, nullptr, nullptr, this, true);
+    switch_cipher();
+}
+
+// The key answer must leave in clear and the client's next frame is already
+// enciphered, so the switch comes right behind the answer: every frame
+// queued so far is put into its final form (sent, or waiting in the write
+// buffer in clear), then the cipher changes, before anything is read again.
+// A socket too full to take the queue has the switch tried again at the
+// next pass.
+void Connection::switch_cipher() {
+    Network::QelcClientChannel* channel = get_client_channel();
+    if (!channel->is_valid()) return;
+    flush();
+    if (!channel->is_valid()) return;
+    // Bytes left in the write buffer are final already; frames the reply
+    // flow still holds are not.
+    Network::FlowChannel::PubItem* replies = channel->get_pub_item(1);
+    if (replies && replies->reader && replies->reader->available()) {
+        reactor->add_event(EVENT_CIPHER, nullptr, nullptr, this, true);
+        return;
+    }
+    set_cipher(cipher_type, cipher_key);
 }
 
 void Connection::publish_topic(Network::QelcFlow* flow, unsigned long from) {

@@ -81,6 +81,7 @@ private:
         std::string frame;
     };
 
+    void switch_cipher();
     bool pump();
     bool next_frame();
     void handle_due();

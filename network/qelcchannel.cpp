@@ -267,6 +267,16 @@ int QelcClientChannel::fail(int reason, bool stored, unsigned long now) {
     return close(reason);
 }
 
+// A trace record says its length in 16 bits, header included; a larger read
+// (a big buffer factor) is traced as several records, in order.
+void QelcClientChannel::trace_received(const char* data, long n) {
+    const long most = 65535 - TRACE_HEADER_SIZE;
+    for (long at = 0; at < n; at += most) {
+        long part = n - at < most ? n - at : most;
+        write_log(TRACE_RECEIVED, static_cast<unsigned short>(part), data + at);
+    }
+}
+
 int QelcClientChannel::read() {
     if (!is_valid()) return last_reason < 0 ? last_reason : -1;
     const unsigned long now = reactor_clock();
@@ -283,7 +293,7 @@ int QelcClientChannel::read() {
             return fail(REASON_READ_FAILED, stored, now);
         }
         got = true;
-        write_log(TRACE_RECEIVED, static_cast<unsigned short>(n), read_ptr + recv_count);
+        trace_received(read_ptr + recv_count, n);
         recv_count += int(n);
         recv_space -= int(n);
         int r = take_frames(now, stored);

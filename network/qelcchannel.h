@@ -103,6 +103,7 @@ private:
     void reset_read_state();
     void clear_tables();
     int fail(int reason, bool stored, unsigned long now);
+    void trace_received(const char* data, long n);
     void notify_stored(unsigned long now);
     // Handles the frames in hand; returns 0, 1 when a frame is incomplete,
     // or the negative reason of a close.

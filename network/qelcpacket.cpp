@@ -125,8 +125,9 @@ unsigned short QelcPacket::Iterator::next()
     const unsigned short id = Base::get_be16(body + position);
     const unsigned short size = Base::get_be16(body + position + 2);
     position += XmpPacket::FIELD_HEADER_SIZE;
-    // A record cut off by the end of the body ends the walk without an error.
-    if (position + size > length) return END;
+    // A record cut off by the end of the body ends the walk without an error,
+    // and so does one that names the end mark: it cannot be a current record.
+    if (position + size > length || id == END) return END;
     field_id = id;
     field_length = size;
     position += size;
@@ -135,8 +136,11 @@ unsigned short QelcPacket::Iterator::next()
 
 const char* QelcPacket::Iterator::get_field(unsigned short& size) const
 {
+    if (field_id == END) {
+        size = 0;
+        return nullptr;
+    }
     size = field_length;
-    if (field_id == END) return nullptr;
     return body + position - field_length;
 }
 

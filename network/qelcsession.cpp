@@ -19,6 +19,15 @@ namespace Network {
 
 namespace {
 
+// Copies a host name into a table slot of the given size with its zero; a
+// name that does not fit is refused rather than cut, since a cut name is
+// another host.
+bool copy_host(char* slot, size_t size, const char* host) {
+    if (!host || strlen(host) >= size) return false;
+    Base::str_ncpy(size - 1, slot, host);
+    return true;
+}
+
 unsigned int clamp(unsigned int v, unsigned int low, unsigned int high) {
     return v < low ? low : (v > high ? high : v);
 }
@@ -72,8 +81,8 @@ void QelcClientSession::set_periods(int heartbeat_us, int connect_us, int buffer
 }
 
 bool QelcClientSession::open(const char* new_host, int new_port) {
+    if (!copy_host(host, sizeof(host), new_host)) return false;
     bool first = port == 0;
-    Base::str_ncpy(sizeof(host), host, new_host);
     port = new_port;
     channel->set_last_read(Base::read_clock());
     reactor->enable_timer(connect_timer, first);
@@ -266,8 +275,7 @@ void QelcBondClientSession::start_child(int i) {
 bool QelcBondClientSession::open(const char* host, int port) {
     int i = 0;
     while (i < MAX_FRONTS && sessions[i]) ++i;
-    if (i == MAX_FRONTS) return false;
-    Base::str_ncpy(sizeof(front_hosts[i]), front_hosts[i], host);
+    if (i == MAX_FRONTS || !copy_host(front_hosts[i], sizeof(front_hosts[i]), host)) return false;
     front_ports[i] = port;
     make_child(i);
     if (current == -1) {
@@ -280,8 +288,7 @@ bool QelcBondClientSession::open(const char* host, int port) {
 bool QelcBondClientSession::register_fens(const char* host, int port) {
     int i = 0;
     while (i < MAX_FRONTS && fens_ports[i] != 0) ++i;
-    if (i == MAX_FRONTS) return false;
-    Base::str_ncpy(sizeof(fens_hosts[i]), fens_hosts[i], host);
+    if (i == MAX_FRONTS || !copy_host(fens_hosts[i], sizeof(fens_hosts[i]), host)) return false;
     fens_ports[i] = port;
     if (fens_index == -1) {
         fens_index = 0;
@@ -423,13 +430,19 @@ bool QelcBondClientSession::on_timer(int id) {
     while (char* token = Base::str_token(fens_buffer, "\n", position)) {
         uri.parse(token);
         if (uri.get_port() <= 0 || !uri.get_host()) continue;
+        if (strlen(uri.get_host()) >= sizeof(front_hosts[0])) {
+            if (reporter)
+                reporter->report(4, "QelcBondClientSession", "host name too long from fens [%s]",
+                                 uri.get_host());
+            continue;
+        }
         if (reporter)
             reporter->report(5, "QelcBondClientSession", "get address from fens [%s] [%d]",
                              uri.get_host(), uri.get_port());
         int i = 0;
         while (i < MAX_FRONTS && sessions[i]) ++i;
         if (i < MAX_FRONTS) {
-            Base::str_ncpy(sizeof(front_hosts[i]), front_hosts[i], uri.get_host());
+            copy_host(front_hosts[i], sizeof(front_hosts[i]), uri.get_host());
             front_ports[i] = uri.get_port();
             make_child(i);
             if (current == -1) {

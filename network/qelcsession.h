@@ -15,8 +15,9 @@
 // child session each, tried one at a time, round robin; with name servers
 // ("fens") registered, a used-up list is thrown away and a name server is
 // asked for a fresh one: connecting is the request, and the answer is plain
-// text, one URI per line. Children of a used-up list are freed by a forced
-// event (1017) of the bond, never inside the call that retires them.
+// text, one URI per line (a host that does not fit its slot is skipped).
+// Children of a used-up list are freed by a forced event (1017) of the
+// bond, never inside the call that retires them.
 //
 // Network::QelcServerSession listens on one address and gives each accepted
 // connection its own QelcClientSession bound to the server's flows;
@@ -82,7 +83,7 @@ public:
                       int connect_period = CONNECT_PERIOD);
     ~QelcClientSession() override;
 
-    bool open(const char* host, int port);
+    bool open(const char* host, int port);  // false: host of 64 bytes or more
     bool open(int fd);
     int close(int reason);
     void flush();
@@ -140,6 +141,7 @@ public:
                           Base::Reportable* reporter, int buffer_factor);
     ~QelcBondClientSession() override;
 
+    // A host name of 32 bytes or more is refused (false), as is a full table.
     bool open(const char* host, int port);
     bool register_fens(const char* host, int port);
     int close(int reason);
@@ -160,6 +162,8 @@ public:
     int get_current_index() const { return current; }
     int get_fens_index() const { return fens_index; }
     QelcClientSession* get_child(int i) const { return sessions[i]; }
+    const char* get_front_host(int i) const { return front_hosts[i]; }
+    int get_front_port(int i) const { return front_ports[i]; }
     // Shorter periods for a test or a tool: the fens timer and each child's
     // connect timer. Reactor thread, or before start.
     void set_periods(int fens_us, int connect_us);

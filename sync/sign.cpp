@@ -27,10 +27,13 @@ Sign::~Sign() {
     pthread_mutex_destroy(&mutex);
 }
 
+// Every set wakes one waiter, whatever the count was: with two threads in
+// join, two sets must release both, and the second set finds the count at 1
+// when the first waiter has not yet taken its signal.
 void Sign::set() {
     pthread_mutex_lock(&mutex);
-    if (count < 1) pthread_cond_signal(&cond);
     count += 1;
+    pthread_cond_signal(&cond);
     pthread_mutex_unlock(&mutex);
 }
 

@@ -22,7 +22,7 @@ public:
     Sign(const Sign&) = delete;
     Sign& operator=(const Sign&) = delete;
 
-    void set();   // count + 1, waking one waiter if it was empty
+    void set();   // count + 1, waking one waiter (any number may wait)
     void join();  // waits without limit for count >= 1, then count - 1
 
     // Waits up to ms for a signal. True on a signal (or on a spurious

@@ -1,12 +1,70 @@
+// Configuration, start and stop of the trader: Init against fronts that
+// refuse, come up late, or are silent name servers; Release from an
+// application thread and from the reactor thread; Join.
 #include "api/tradeapi.h"
 #include "parallel/fdreactor.h"
+#include "tests/api/test_front.h"
 
+#include <dirent.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <cstdio>
+#include <mutex>
 #include <string>
+#include <thread>
+#include <vector>
 
 namespace {
+
+using test_front::wait_until;
+
+// A fresh directory for trade.con.
+std::string temp_dir() {
+    static std::atomic<int> serial{0};
+    std::string dir = ::testing::TempDir() + "tradeapi_" + std::to_string(getpid()) + "_" +
+                      std::to_string(serial.fetch_add(1));
+    mkdir(dir.c_str(), 0700);
+    return dir + "/";
+}
+
+// Threads of this process now.
+int thread_count() {
+    int count = 0;
+    DIR* dir = opendir("/proc/self/task");
+    while (dirent* entry = readdir(dir))
+        if (entry->d_name[0] != '.') ++count;
+    closedir(dir);
+    return count;
+}
+
+// Records the connection callbacks in order.
+class Spy : public CTulmQelcTraderSpi {
+public:
+    void OnFrontConnected() override { add("connected"); }
+    void OnFrontDisconnected(int reason) override { add("disconnected"); }
+    void OnHeartBeatWarning(int seconds) override { add("warning"); }
+    std::vector<std::string> get() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return events;
+    }
+    void add(const std::string& event) {
+        std::lock_guard<std::mutex> lock(mutex);
+        events.push_back(event);
+    }
+
+private:
+    std::mutex mutex;
+    std::vector<std::string> events;
+};
+
+// No warning comes before the first connection.
+void expect_no_early_warning(Spy& spy) {
+    for (const std::string& event : spy.get()) {
+        if (event == "connected") return;
+        EXPECT_NE(event, "warning");
+    }
+}
 
 std::string address(int index) { return "tcp://127.0.0.1:" + std::to_string(17000 + index); }
 
@@ -69,23 +127,48 @@ TEST(TradeApi, AddressesAreCutTo63Characters) {
 }
 
 TEST(TradeApi, ConfigurationIsRefusedAfterInit) {
-    Parallel::FdReactor reactor(nullptr);
-    Api::TradeApi api("./", &reactor);
-    ASSERT_EQ(api.SubscribePrivateTopic(TE_RESUME_FROM_SAVED), 0);
-    ASSERT_EQ(api.RegisterFront("tcp://127.0.0.1:17001"), 0);
-    EXPECT_EQ(api.Release(), -9);
-    ASSERT_EQ(api.Init(), 0);
-    EXPECT_EQ(api.Init(), -5);
-    EXPECT_EQ(api.RegisterFront("tcp://127.0.0.1:17002"), -10);
-    EXPECT_EQ(api.RegisterNameServer("tcp://127.0.0.1:18001"), -10);
-    EXPECT_EQ(api.SubscribePrivateTopic(TE_RESUME_FROM_NOW), -10);
-    EXPECT_EQ(api.SubscribePublicTopic(TE_RESUME_FROM_NOW), -10);
-    EXPECT_EQ(api.SubscribeUserTopic(TE_RESUME_FROM_NOW), -10);
-    EXPECT_EQ(api.SetHeartbeatTimeout(30), -10);
-    EXPECT_EQ(api.get_front_count(), 1);
-    EXPECT_EQ(api.get_private_resume(), TE_RESUME_FROM_SAVED);
-    EXPECT_EQ(api.get_public_resume(), TE_RESUME_NONE);
-    EXPECT_EQ(api.get_heartbeat_timeout(), 10u);
+    test_reactor::Running<Parallel::FdReactor> reactor;
+    auto* api = new Api::TradeApi(temp_dir().c_str(), reactor.reactor.get());
+    ASSERT_EQ(api->SubscribePrivateTopic(TE_RESUME_FROM_SAVED), 0);
+    ASSERT_EQ(api->RegisterFront("tcp://127.0.0.1:17001"), 0);
+    EXPECT_EQ(api->Release(), -9);
+    ASSERT_EQ(api->Init(), 0);
+    EXPECT_EQ(api->Init(), -5);
+    EXPECT_EQ(api->RegisterFront("tcp://127.0.0.1:17002"), -10);
+    EXPECT_EQ(api->RegisterNameServer("tcp://127.0.0.1:18001"), -10);
+    EXPECT_EQ(api->SubscribePrivateTopic(TE_RESUME_FROM_NOW), -10);
+    EXPECT_EQ(api->SubscribePublicTopic(TE_RESUME_FROM_NOW), -10);
+    EXPECT_EQ(api->SubscribeUserTopic(TE_RESUME_FROM_NOW), -10);
+    EXPECT_EQ(api->SetHeartbeatTimeout(30), -10);
+    EXPECT_EQ(api->get_front_count(), 1);
+    EXPECT_EQ(api->get_private_resume(), TE_RESUME_FROM_SAVED);
+    EXPECT_EQ(api->get_public_resume(), TE_RESUME_NONE);
+    EXPECT_EQ(api->get_heartbeat_timeout(), 10u);
+    EXPECT_EQ(api->Release(), 0);
+    EXPECT_EQ(api->Release(), -5);
+    EXPECT_EQ(api->Join(), 0);
+}
+
+TEST(TradeApi, JoinFreesATraderThatNeverStarted) {
+    // Release refuses before Init and never sets the sign; Join must not
+    // wait for it (ASan sees the object freed).
+    auto* api = new Api::TradeApi(temp_dir().c_str(), nullptr);
+    EXPECT_EQ(api->Release(), -9);
+    EXPECT_EQ(api->Join(), 0);
+}
+
+TEST(TradeApi, RacingInitsStartTheTraderOnce) {
+    // Two threads call Init at once: one starts the object, the other is
+    // told -5; nothing is built twice (ASan would see the leak).
+    auto* api = static_cast<Api::TradeApi*>(CTulmQelcTraderApi::CreateQelcTraderApi(temp_dir().c_str()));
+    int results[2] = {1, 1};
+    std::thread first([&] { results[0] = api->Init(); });
+    std::thread second([&] { results[1] = api->Init(); });
+    first.join();
+    second.join();
+    EXPECT_EQ(results[0] + results[1], -5);
+    EXPECT_EQ(api->Release(), 0);
+    EXPECT_EQ(api->Join(), 0);
 }
 
 TEST(TradeApi, RequestsBeforeLoginAndBeforeInit) {
@@ -117,19 +200,116 @@ TEST(TradeApi, LogsAppendAndABadPathTurnsTheLogOff) {
     std::remove(path.c_str());
 }
 
-TEST(TradeApi, FactoryCopiesTheFlowPathAndJoinFreesAfterRelease) {
+TEST(TradeApi, FactoryCopiesTheFlowPath) {
     std::string long_path(300, 'p');
     CTulmQelcTraderApi* created = CTulmQelcTraderApi::CreateQelcTraderApi(long_path.c_str());
     auto* api = static_cast<Api::TradeApi*>(created);
     EXPECT_EQ(std::string(api->get_flow_path()), long_path.substr(0, 255));
     EXPECT_FALSE(api->is_started());
     delete api;
+}
 
-    Parallel::FdReactor reactor(nullptr);
-    auto* started = new Api::TradeApi("./", &reactor);
-    ASSERT_EQ(started->Init(), 0);
-    ASSERT_EQ(started->Release(), 0);
-    EXPECT_EQ(started->Join(), 0);  // frees the object; ASan reports a leak otherwise
+}  // namespace
+
+namespace {
+
+TEST(TradeApiStart, NoAddressNeverConnectsAndASecondInitChangesNothing) {
+    int threads = thread_count();
+    auto* api = static_cast<Api::TradeApi*>(CTulmQelcTraderApi::CreateQelcTraderApi(temp_dir().c_str()));
+    Spy spy;
+    api->RegisterSpi(&spy);
+    EXPECT_EQ(api->Init(), 0);
+    EXPECT_TRUE(api->is_started());
+    EXPECT_EQ(api->Init(), -5);
+    EXPECT_EQ(thread_count(), threads + 1);
+    EXPECT_EQ(api->ReqOrderInsert(nullptr, 1), -1);
+    EXPECT_EQ(api->Release(), 0);
+    EXPECT_EQ(thread_count(), threads);  // the reactor's thread is gone when Release returns
+    EXPECT_EQ(api->Release(), -5);
+    EXPECT_EQ(api->Join(), 0);
+    EXPECT_TRUE(spy.get().empty());
+}
+
+// Every front refuses at first; one comes up on its port later, and the
+// trader finds it by itself. Entries without a port are skipped, and a
+// host name resolves.
+TEST(TradeApiStart, RefusingFrontsThenOneComesUp) {
+    int late_port = test_front::refusing_port();
+    auto* api = static_cast<Api::TradeApi*>(CTulmQelcTraderApi::CreateQelcTraderApi(temp_dir().c_str()));
+    Spy spy;
+    api->RegisterSpi(&spy);
+    ASSERT_EQ(api->RegisterFront(("tcp://127.0.0.1:" + std::to_string(test_front::refusing_port())).c_str()), 0);
+    ASSERT_EQ(api->RegisterFront("tcp://127.0.0.1"), 0);
+    ASSERT_EQ(api->RegisterFront(("tcp://localhost:" + std::to_string(late_port)).c_str()), 0);
+    ASSERT_EQ(api->Init(), 0);
+    Base::Measure::sleep(300);
+    {
+        test_front::Front front(late_port);
+        ASSERT_TRUE(front.is_open());
+        EXPECT_TRUE(wait_until([&] { return front.connections() > 0; }));
+        EXPECT_EQ(api->Release(), 0);
+    }
+    expect_no_early_warning(spy);
+    EXPECT_EQ(api->Join(), 0);
+}
+
+TEST(TradeApiStart, SilentNameServerAndRefusingFrontsDoNoHarm) {
+    test_front::SilentServer silent;
+    for (bool name_server : {true, false}) {
+        SCOPED_TRACE(name_server ? "silent name server" : "refusing fronts");
+        auto* api = static_cast<Api::TradeApi*>(CTulmQelcTraderApi::CreateQelcTraderApi(temp_dir().c_str()));
+        Spy spy;
+        api->RegisterSpi(&spy);
+        if (name_server) {
+            ASSERT_EQ(api->RegisterNameServer(silent.address().c_str()), 0);
+        } else {
+            for (int i = 0; i < 3; ++i)
+                ASSERT_EQ(api->RegisterFront(("tcp://127.0.0.1:" + std::to_string(test_front::refusing_port())).c_str()), 0);
+        }
+        ASSERT_EQ(api->Init(), 0);
+        Base::Measure::sleep(1500);
+        EXPECT_EQ(api->Release(), 0);
+        EXPECT_EQ(api->Join(), 0);
+        expect_no_early_warning(spy);
+        for (const std::string& event : spy.get()) EXPECT_NE(event, "connected");
+    }
+}
+
+// Release on the reactor thread, as from inside a callback: it returns at
+// once and the teardown follows; Join there answers -5, and on an
+// application thread it waits for the teardown and frees the object.
+TEST(TradeApiStart, ReleaseOnTheReactorThreadAndJoinOnAnother) {
+    test_reactor::Running<Parallel::FdReactor> reactor;
+    test_front::Front front;
+    auto* api = new Api::TradeApi(temp_dir().c_str(), reactor.reactor.get());
+    ASSERT_EQ(api->RegisterFront(front.address().c_str()), 0);
+    ASSERT_EQ(api->Init(), 0);
+    ASSERT_TRUE(wait_until([&] { return front.connections() > 0; }));
+    int released = 1, joined = 1;
+    test_reactor::run_on(*reactor, [&] {
+        released = api->Release();
+        joined = api->Join();
+    });
+    EXPECT_EQ(released, 0);
+    EXPECT_EQ(joined, -5);
+    EXPECT_EQ(api->Join(), 0);
+}
+
+// The own reactor: Release from a thread other than the caller of Init,
+// while connected, stops and joins the reactor's thread before it returns.
+TEST(TradeApiStart, ReleaseFromAnotherThreadWhileConnected) {
+    test_front::Front front;
+    int threads = thread_count();
+    auto* api = static_cast<Api::TradeApi*>(CTulmQelcTraderApi::CreateQelcTraderApi(temp_dir().c_str()));
+    ASSERT_EQ(api->RegisterFront(front.address().c_str()), 0);
+    ASSERT_EQ(api->Init(), 0);
+    ASSERT_TRUE(wait_until([&] { return front.connections() > 0; }));
+    int result = 1;
+    std::thread other([&] { result = api->Release(); });
+    other.join();
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(thread_count(), threads);
+    EXPECT_EQ(api->Join(), 0);
 }
 
 }  // namespace

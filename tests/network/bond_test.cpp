@@ -169,6 +169,36 @@ TEST(QelcBondClientSession, TablesHold256) {
     });
 }
 
+// Host names of 31 bytes fit a slot with their zero; longer ones, from a
+// name server or from the caller, are refused whole, never cut or spilled
+// into the next slot or the port table.
+TEST(QelcBondClientSession, HostNamesFitTheirSlotOrAreRefused) {
+    Reactor reactor;
+    Bond b(reactor.get());
+    RawServer front;
+    std::string h31(31, 'a'), h32(32, 'b'), h100(100, 'c'), h200(200, 'd');
+    FensServer fens(uri(front.port) + "\ntcp://" + h31 + ":7001\ntcp://" + h32 +
+                        ":7002\ntcp://" + h100 + ":7003\ntcp://" + h200 + ":7004\ntcp://" + h31 +
+                        ":7005\n",
+                    false);
+    run_on(reactor.get(), [&] {
+        EXPECT_FALSE(b.bond->register_fens(h32.c_str(), 1));
+        EXPECT_TRUE(b.bond->register_fens("127.0.0.1", fens.port()));
+    });
+    ASSERT_TRUE(front.accept_one(20000));
+    ASSERT_TRUE(wait_until([&] { return b.owner.connected.load() == 1; }));
+    run_on(reactor.get(), [&] {
+        EXPECT_EQ(std::string(b.bond->get_front_host(1)), h31);
+        EXPECT_EQ(b.bond->get_front_port(1), 7001);
+        EXPECT_EQ(std::string(b.bond->get_front_host(2)), h31);
+        EXPECT_EQ(b.bond->get_front_port(2), 7005);
+        EXPECT_EQ(b.bond->get_child(3), nullptr);
+        EXPECT_FALSE(b.bond->open(h32.c_str(), 7006));
+        EXPECT_EQ(b.bond->get_child(3), nullptr);
+    });
+    EXPECT_EQ(b.lines.count("host name too long"), 2);
+}
+
 TEST(QelcBondServerSession, ListensOnUpTo256Addresses) {
     Reactor reactor;
     run_on(reactor.get(), [&] {

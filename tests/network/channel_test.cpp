@@ -3,7 +3,10 @@
 // that a peer's bytes can cause.
 #include <gtest/gtest.h>
 
+#include <sys/ioctl.h>
+
 #include <algorithm>
+#include <thread>
 
 #include "tests/network/channel_helpers.h"
 
@@ -16,10 +19,10 @@ const int LONG_PERIOD = 60000000;  // keeps the connect timer from retrying in a
 
 // One client session under an owner, connected to a raw server.
 struct Link {
-    explicit Link(Parallel::FdReactor* r, Base::DataFlow* log = nullptr)
+    explicit Link(Parallel::FdReactor* r, Base::DataFlow* log = nullptr, int factor = 1)
         : reactor(r), owner(r) {
         run_on(reactor, [&] {
-            session = new QelcClientSession(reactor, &owner, nullptr, log, 1);
+            session = new QelcClientSession(reactor, &owner, nullptr, log, factor);
             session->set_periods(QelcClientSession::HEARTBEAT_PERIOD, LONG_PERIOD,
                                  QelcClientSession::BUFFER_PERIOD);
         });
@@ -326,6 +329,51 @@ TEST(QelcClientChannel, TraceRecordsWhatCrossesTheSocket) {
         if (k != 2) order.push_back(k);
     EXPECT_EQ(order, (std::vector<int>{0, 8, 1, 6, 5}));
     EXPECT_NE(std::find(kinds.begin(), kinds.end(), 2), kinds.end());
+    delete flow3;
+    run_on(reactor.get(), [&] { delete link.session; link.session = nullptr; });
+    delete log;
+}
+
+// A read larger than a trace record can say (a big buffer factor, bytes
+// piled up while reading was held) is traced whole, in records that each
+// tell their true length.
+TEST(QelcClientChannel, TraceOfALargeReadTellsEveryByte) {
+    Reactor reactor;
+    Network::QelcFlow* log = make_flow(0x7777);
+    Link link(reactor.get(), log, 32);
+    Network::QelcFlow* flow3 = make_flow(3);
+    link.owner.on_connect = [&] { link.session->subscribe(flow3, nullptr, 0, false); };
+    ASSERT_TRUE(link.open());
+    run_on(reactor.get(), [&] { link.session->set_read_blocking(true); });
+    std::string wire;
+    for (int i = 1; i <= 60; i++) wire += data_frame(3, i, 3000, i);
+    std::atomic<bool> sent{false};
+    std::thread sender([&] {
+        link.server.send(wire);
+        sent.store(true);
+    });
+    int fd = 0;
+    run_on(reactor.get(), [&] { fd = link.channel()->get_id(); });
+    ASSERT_TRUE(wait_until([&] {
+        int queued = 0;
+        ioctl(fd, FIONREAD, &queued);
+        return queued > 70000 || sent.load();
+    }));
+    run_on(reactor.get(), [&] { link.session->set_read_blocking(false); });
+    sender.join();
+    ASSERT_TRUE(wait_until([&] { return flow3->get_count() == 60; }));
+    std::string traced;
+    bool large = false;
+    run_on(reactor.get(), [&] {
+        for (const std::string& r : records(log)) {
+            if (Base::get_be16(r.data() + 8) != 1) continue;
+            EXPECT_EQ(Base::get_be16(r.data() + 10), r.size() - 16);
+            large = large || r.size() == 65535;
+            traced += r.substr(16);
+        }
+    });
+    EXPECT_TRUE(traced == wire) << traced.size() << " of " << wire.size();
+    EXPECT_TRUE(large) << "no read was larger than a trace record";
     delete flow3;
     run_on(reactor.get(), [&] { delete link.session; link.session = nullptr; });
     delete log;

@@ -5,10 +5,12 @@
 #include "network/qelcpacket.h"
 
 #include "network/xmppacket.h"
+#include "record/fielddesc.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <memory>
 #include <random>
 #include <vector>
 
@@ -200,6 +202,22 @@ TEST(QelcPacket, TruncatedAndForgedBodies)
     QelcPacket::Iterator it(&h, liar.data());
     EXPECT_EQ(QelcPacket::END, it.next());
     EXPECT_EQ(4, it.get_position());
+
+    // A record named by the end mark is no current record: every form of
+    // get_field gives nothing and reads nothing (ASan), the record zeroed.
+    std::vector<char> end_mark = {char(0xFF), char(0xFF), 0x00, 0x04, 0, 0, 0, 0};
+    h.BodyLength = 8;
+    QelcPacket::Iterator marked(&h, end_mark.data());
+    EXPECT_EQ(QelcPacket::END, marked.next());
+    unsigned short size = 99;
+    EXPECT_EQ(nullptr, marked.get_field(size));
+    EXPECT_EQ(0, size);
+    std::unique_ptr<Base::FieldDesc> desc(new Base::FieldDesc(0x7001, "Probe"));
+    desc->add_member(Base::DT_STRING, 8, "TText", "Text", false);
+    char record[8];
+    std::memset(record, 0x55, sizeof(record));
+    EXPECT_EQ(0, marked.get_field(record, desc.get(), false));
+    for (char c : record) EXPECT_EQ(0, c);
 
     // Random bodies: the walk never leaves the buffer and always ends.
     std::mt19937 rng(11);

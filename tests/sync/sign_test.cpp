@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <thread>
 #include <vector>
 
@@ -75,6 +77,35 @@ TEST(Sign, WakesWaitersOnOtherThreads) {
     EXPECT_TRUE(many.timed_multi_wait(60000, 4));
     for (auto& t : setters) t.join();
     EXPECT_EQ(many.get_count(), 0);
+}
+
+// Two threads in join and two sets in a row: both are released. A set
+// that wakes only from an empty count leaves the second waiter asleep with
+// the count at 1; the test then frees it itself and fails.
+TEST(Sign, TwoSetsReleaseTwoWaiters) {
+    for (int round = 0; round < 20; round++) {
+        Base::Sign sign(0);
+        std::atomic<int> done{0};
+        std::vector<std::thread> waiters;
+        for (int i = 0; i < 2; i++) waiters.emplace_back([&] {
+            sign.join();
+            done.fetch_add(1);
+        });
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));  // both waiting, most likely
+        sign.set();
+        sign.set();
+        for (int ms = 0; ms < 5000 && done.load() < 2; ms++)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        bool both = done.load() == 2;
+        EXPECT_TRUE(both) << "round " << round;
+        while (done.load() < 2) {  // a lost wake-up: free the sleeper all the same
+            sign.clear();
+            sign.set();
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        for (auto& t : waiters) t.join();
+        if (!both) return;
+    }
 }
 
 TEST(Mutex, GuardsACounterAcrossThreads) {

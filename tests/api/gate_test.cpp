@@ -1,0 +1,122 @@
+// The request gate on a clock of our own: the rate window, the on-way hold
+// and their shared stamp, with -2 and -3 at exactly the right call.
+#include <gtest/gtest.h>
+
+#include "api/tradeapi.h"
+
+namespace {
+
+using Flux = Api::TradeApi::FluxValue;
+
+void reset(Flux& flux, uint32_t per_second, uint32_t on_way) {
+    flux.sent = 0;
+    flux.answered.store(0);
+    flux.window_base = 0;
+    flux.stamp = 0;
+    flux.max_per_second = per_second;
+    flux.max_on_way = on_way;
+}
+
+// A request as the trader makes it: the gate, then the count.
+int pass(Flux& flux, uint64_t now) {
+    int result = Api::control_flux(&flux, now);
+    if (result == 0) ++flux.sent;
+    return result;
+}
+
+const uint64_t T0 = 1700000000000ull;  // ms
+
+TEST(Gate, TheRateWindowRefusesThe65thAndEndsAfterMoreThanASecond) {
+    Flux flux;
+    reset(flux, 64, 0);
+    for (int i = 0; i < 64; ++i) ASSERT_EQ(pass(flux, T0 + i), 0) << i;
+    EXPECT_EQ(pass(flux, T0 + 100), -3);
+    EXPECT_EQ(pass(flux, T0 + 1000), -3);  // a window lasts until more than 1000 ms have gone
+    EXPECT_EQ(flux.sent, 64u);
+    EXPECT_EQ(pass(flux, T0 + 1001), 0);   // a new window opens at this call
+    EXPECT_EQ(flux.stamp, T0 + 1001);
+    EXPECT_EQ(flux.window_base, 64u);
+    for (int i = 1; i < 64; ++i) ASSERT_EQ(pass(flux, T0 + 1001 + i), 0) << i;
+    EXPECT_EQ(pass(flux, T0 + 1500), -3);
+}
+
+TEST(Gate, TheOnWayHoldLastsTenSecondsFromItsStamp) {
+    Flux flux;
+    reset(flux, 0, 32);
+    for (int i = 0; i < 32; ++i) ASSERT_EQ(pass(flux, T0), 0);
+    EXPECT_EQ(pass(flux, T0 + 5), -2);  // the hold begins here
+    EXPECT_EQ(flux.stamp, T0 + 5);
+    EXPECT_EQ(pass(flux, T0 + 10005), -2);
+    EXPECT_EQ(pass(flux, T0 + 10006), 0);  // one goes through, nothing was answered
+    EXPECT_EQ(flux.sent, 33u);
+    EXPECT_EQ(pass(flux, T0 + 10007), -2);  // and a new hold starts
+    // Answers free places at once.
+    flux.answered.store(3);
+    EXPECT_EQ(pass(flux, T0 + 10008), 0);
+    EXPECT_EQ(pass(flux, T0 + 10009), 0);
+    EXPECT_EQ(pass(flux, T0 + 10010), -2);
+}
+
+// A hold that begins inside a rate window counts from the window's stamp;
+// when it ends, a new window opens at once, and the next refused call
+// starts a hold from that window's stamp.
+TEST(Gate, HoldAndWindowShareTheirStamp) {
+    Flux flux;
+    reset(flux, 64, 4);
+    for (int i = 0; i < 4; ++i) ASSERT_EQ(pass(flux, T0 + i), 0);
+    EXPECT_EQ(flux.stamp, T0);
+    EXPECT_EQ(pass(flux, T0 + 500), -2);
+    EXPECT_EQ(pass(flux, T0 + 10000), -2);
+    EXPECT_EQ(pass(flux, T0 + 10001), 0);
+    EXPECT_EQ(flux.stamp, T0 + 10001);
+    EXPECT_EQ(flux.window_base, 4u);
+    EXPECT_EQ(pass(flux, T0 + 10002), -2);
+    EXPECT_EQ(pass(flux, T0 + 20001), -2);
+    EXPECT_EQ(pass(flux, T0 + 20002), 0);
+}
+
+TEST(Gate, ZeroLimitsSwitchTheGateOff) {
+    Flux flux;
+    reset(flux, 0, 0);
+    for (int i = 0; i < 100000; ++i) ASSERT_EQ(pass(flux, T0), 0);
+    // Counters that wrapped don't matter either: only differences count.
+    reset(flux, 2, 2);
+    flux.sent = 0xFFFFFFFFu;
+    flux.answered.store(0xFFFFFFFEu);
+    flux.window_base = 0xFFFFFFFFu;
+    EXPECT_EQ(pass(flux, T0), 0);  // opens a window
+    EXPECT_EQ(flux.sent, 0u);
+    EXPECT_EQ(pass(flux, T0 + 1), -2);
+}
+
+// A burst of 10,000 calls, one every 2 ms over 20 s, with an answer every
+// third call: no gate window lets more than 64 through, and never more than 32
+// are unanswered.
+TEST(Gate, ABurstStaysWithinBothLimits) {
+    Flux flux;
+    reset(flux, 64, 32);
+    std::vector<uint64_t> passed;
+    uint64_t window_start = 0;
+    int in_window = 0, most_in_window = 0;
+    uint32_t most_on_way = 0;
+    for (int i = 0; i < 10000; ++i) {
+        uint64_t now = T0 + static_cast<uint64_t>(i) * 2;
+        if (i % 3 == 0 && flux.answered.load() < flux.sent) flux.answered.store(flux.answered.load() + 1);
+        uint64_t stamp = flux.stamp;
+        if (pass(flux, now) != 0) continue;
+        if (flux.stamp != stamp) {
+            window_start = flux.stamp;
+            in_window = 0;
+        }
+        ++in_window;
+        most_in_window = std::max(most_in_window, in_window);
+        most_on_way = std::max(most_on_way, flux.sent - flux.answered.load());
+        passed.push_back(now);
+        EXPECT_LE(now, window_start + 1000);
+    }
+    EXPECT_LE(most_in_window, 64);
+    EXPECT_LE(most_on_way, 32u);
+    EXPECT_GT(passed.size(), 20u * 32u);  // many windows and holds went by
+}
+
+}  // namespace
