@@ -1,0 +1,248 @@
+// The request and response logs: whole lines of each form, files that
+// can't be opened, fill up or vanish, and secrets that never reach a line.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cfloat>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "base/strings.h"
+#include "tests/api/login_probe.h"
+
+using Api::LoginProbe;
+using Api::ReplyPacket;
+
+namespace {
+
+std::string read_file(const std::string& path) {
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+class TempDir {
+public:
+    TempDir() {
+        char pattern[] = "/tmp/qel_log_XXXXXX";
+        path = mkdtemp(pattern);
+    }
+    ~TempDir() {
+        for (const char* name : {"request.log", "response.log", "gone.log", "kept.log"})
+            std::remove((path + "/" + name).c_str());
+        rmdir(path.c_str());
+    }
+    std::string file(const char* name) const { return path + "/" + name; }
+
+private:
+    std::string path;
+};
+
+// True when line starts with 20YYMMDDhhmmssmmm and a comma.
+bool has_time(const std::string& line) {
+    if (line.size() < 18 || line.compare(0, 2, "20") != 0 || line[17] != ',') return false;
+    for (int i = 0; i < 17; ++i)
+        if (line[i] < '0' || line[i] > '9') return false;
+    int month = std::stoi(line.substr(4, 2)), day = std::stoi(line.substr(6, 2));
+    int hour = std::stoi(line.substr(8, 2)), minute = std::stoi(line.substr(10, 2));
+    int second = std::stoi(line.substr(12, 2));
+    return month >= 1 && month <= 12 && day >= 1 && day <= 31 && hour < 24 && minute < 60 && second < 61;
+}
+
+// Each line of text with its leading time checked and cut off.
+std::vector<std::string> lines_without_time(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    std::string line;
+    while (std::getline(in, line)) {
+        EXPECT_TRUE(has_time(line)) << line;
+        lines.push_back(line.size() > 18 ? line.substr(18) : line);
+    }
+    return lines;
+}
+
+TEST(TradeLog, LinesOfEachFormAreWhole) {
+    TempDir dir;
+    FILE* file = std::fopen(dir.file("kept.log").c_str(), "a+b");
+    ASSERT_NE(file, nullptr);
+    char scratch[Api::TradeApi::FIELD_BUFFER_SIZE];
+
+    // A request, in the internal form as it was sent.
+    QelReqUserLoginField login;
+    std::memset(&login, 0, sizeof(login));
+    Base::str_ncpy(8, login.TradingDay, "20250102");
+    Base::str_ncpy(15, login.UserID, "trader\"01");
+    Base::str_ncpy(40, login.UserProductInfo, "my app");
+    login.DataCenterID = 3;
+    Api::write_log(file, "ReqUserLogin", &login, &QelReqUserLoginField::DESC, 0, scratch);
+
+    // A reply with an error, in the struct form a callback sees.
+    QelRspInfoField info;
+    std::memset(&info, 0, sizeof(info));
+    info.ErrorID = 31;
+    Base::str_ncpy(80, info.ErrorMsg, "no such account");
+    CTulmQelcRspPartAccountField account;
+    std::memset(&account, 0, sizeof(account));
+    Base::str_ncpy(8, account.TradingDay, "20250102");
+    Base::str_ncpy(8, account.SettlementGroupID, "SG1");
+    account.SettlementID = 7;
+    account.PreBalance = 1000.5;
+    account.CurrMargin = DBL_MAX;  // null
+    account.Balance = -0.25;
+    Base::str_ncpy(12, account.AccountID, "ACC9");
+    Api::write_log(file, &info, "OnRspQryPartAccount", &account, &QelRspPartAccountField::DESC,
+                   sizeof(account), scratch);
+
+    // A return, and a query answer with nothing but its info.
+    CTulmQelcInstrumentStatusField status;
+    std::memset(&status, 0, sizeof(status));
+    Base::str_ncpy(30, status.InstrumentID, "IO2501-C-4000");
+    status.InstrumentStatus = '2';
+    status.TradingSegmentSN = 4;
+    Api::write_log(file, "OnRtnInstrumentStatus", &status, &QelInstrumentStatusField::DESC, sizeof(status),
+                   scratch);
+    info.ErrorID = 0;
+    info.ErrorMsg[0] = 0;
+    Api::write_log(file, &info, "OnRspQryOrder", nullptr, &QelOrderField::DESC, sizeof(CTulmQelcOrderField),
+                   scratch);
+    std::fclose(file);
+
+    std::vector<std::string> lines = lines_without_time(read_file(dir.file("kept.log")));
+    ASSERT_EQ(lines.size(), 4u);
+    EXPECT_EQ(lines[0],
+              "ReqUserLogin,TradingDay=\"20250102\" UserID=\"trader\"\"01\" ParticipantID=\"\" Password=\"\" "
+              "UserProductInfo=\"my app\" InterfaceProductInfo=\"\" ProtocolInfo=\"\" DataCenterID=\"3\"");
+    EXPECT_EQ(lines[1],
+              "OnRspQryPartAccount,31,no such account,TradingDay=\"20250102\" SettlementGroupID=\"SG1\" "
+              "SettlementID=\"7\" PreBalance=\"1000.500\" CurrMargin=\"\" CloseProfit=\"0.000\" Premium=\"0.000\" "
+              "Deposit=\"0.000\" Withdraw=\"0.000\" Balance=\"-0.250\" Available=\"0.000\" AccountID=\"ACC9\" "
+              "FrozenMargin=\"0.000\" FrozenPremium=\"0.000\" BaseReserve=\"0.000\"");
+    EXPECT_EQ(lines[2],
+              "OnRtnInstrumentStatus,SettlementGroupID=\"\" InstrumentID=\"IO2501-C-4000\" InstrumentStatus=\"2\" "
+              "TradingSegmentSN=\"4\" EnterTime=\"\" EnterReason=\"\" EnterDate=\"\"");
+    EXPECT_EQ(lines[3], "OnRspQryOrder,0,,");
+}
+
+class LoggedLogin : public ::testing::Test {
+protected:
+    LoggedLogin() : api("./", &reactor) { running.create(true, nullptr); }
+    ~LoggedLogin() override {
+        if (started) LoginProbe::detach(api);
+        running.stop();
+        running.join();
+    }
+    // The response log swaps at once only while the trader has no reactor:
+    // open the logs, then start.
+    void start() {
+        LoginProbe::attach(api, &reactor, &running);
+        started = true;
+    }
+
+    // An authentication and a login with secrets, and their good replies.
+    void log_in(const char* secret) {
+        CTulmQelcProductAuthField auth;
+        std::memset(&auth, 0, sizeof(auth));
+        Base::str_ncpy(40, auth.AppID, "desk_app");
+        Base::str_ncpy(16, auth.AuthCode, secret);
+        LoginProbe::authenticate(api, &auth, 1);
+        QelProductAuthField echoed;
+        std::memset(&echoed, 0, sizeof(echoed));
+        Base::str_ncpy(40, echoed.AppID, "desk_app");
+        Base::str_ncpy(16, echoed.AuthCode, secret);
+        QelRspInfoField info;
+        std::memset(&info, 0, sizeof(info));
+        ReplyPacket auth_reply(24747, 1);
+        auth_reply.add(info).add(echoed);
+        LoginProbe::authenticate_reply(api, auth_reply.commit(), nullptr);
+
+        CTulmQelcReqUserLoginField login;
+        std::memset(&login, 0, sizeof(login));
+        Base::str_ncpy(15, login.UserID, "trader01");
+        Base::str_ncpy(10, login.ParticipantID, "PART01");
+        Base::str_ncpy(40, login.Password, secret);
+        Base::str_ncpy(40, login.UserProductInfo, "my_app");
+        LoginProbe::login(api, &login, 2);
+        QelUserCommFluxControlField limits = {1, 2, 3, 4};
+        QelRspUserLoginField reply_record;
+        std::memset(&reply_record, 0, sizeof(reply_record));
+        Base::str_ncpy(8, reply_record.TradingDay, "20250106");
+        Base::str_ncpy(15, reply_record.UserID, "trader01");
+        ReplyPacket login_reply(4098, 2);
+        login_reply.add(info).add(limits).add(reply_record);
+        LoginProbe::login_reply(api, login_reply.commit(), nullptr);
+    }
+
+    Parallel::FdReactor reactor{nullptr};
+    Parallel::FdReactor running{nullptr};
+    Api::TradeApi api;
+    TempDir dir;
+    bool started = false;
+};
+
+TEST_F(LoggedLogin, NoSecretReachesALog) {
+    ASSERT_EQ(api.OpenRequestLog(dir.file("request.log").c_str()), 0);
+    ASSERT_EQ(api.OpenResponseLog(dir.file("response.log").c_str()), 0);
+    start();
+    log_in("SECRET-16-CHARS!");
+    std::string requests = read_file(dir.file("request.log"));
+    std::string responses = read_file(dir.file("response.log"));
+    EXPECT_EQ(requests.find("SECRET"), std::string::npos) << requests;
+    EXPECT_EQ(responses.find("SECRET"), std::string::npos) << responses;
+    std::vector<std::string> lines = lines_without_time(requests);
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0], "ReqAuthenticate,AppID=\"desk_app\" AuthCode=\"\"");
+    EXPECT_EQ(lines[1],
+              "ReqUserLogin,TradingDay=\"\" UserID=\"trader01\" ParticipantID=\"PART01\" Password=\"\" "
+              "UserProductInfo=\"my_app\" InterfaceProductInfo=\"TULM QelTradeApi V2.00 202508.1826\" "
+              "ProtocolInfo=\"QELC 4\" DataCenterID=\"0\"");
+    lines = lines_without_time(responses);
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0], "OnRspAuthenticate,0,,AppID=\"desk_app\" AuthCode=\"\"");
+    EXPECT_EQ(lines[1].substr(0, 59), "OnRspUserLogin,0,,TradingDay=\"20250106\" LoginTime=\"\" MaxOrd");
+    // The password did reach the wire, where it belongs.
+    std::vector<Api::SentPacket> sent = LoginProbe::sent(api);
+    ASSERT_EQ(sent.size(), 2u);
+    EXPECT_NE(sent[1].values[0].find("SECRET-16-CHARS!"), std::string::npos);
+}
+
+TEST_F(LoggedLogin, LogsThatCantBeOpenedAreOffAndTradingGoesOn) {
+    ASSERT_EQ(api.OpenRequestLog(dir.file("kept.log").c_str()), 0);
+    EXPECT_EQ(api.OpenRequestLog("/nonexistent/qel/request.log"), -4);
+    EXPECT_EQ(LoginProbe::request_log(api), nullptr);  // the earlier file is closed, the log off
+    EXPECT_EQ(api.OpenResponseLog("/nonexistent/qel/response.log"), -4);
+    EXPECT_EQ(LoginProbe::response_log(api), nullptr);
+    start();
+    log_in("pw");
+    EXPECT_TRUE(LoginProbe::logged_in(api));
+    EXPECT_EQ(LoginProbe::sent(api).size(), 2u);
+
+    // Reopening adds to a file, never truncates it.
+    ASSERT_EQ(api.OpenRequestLog(dir.file("kept.log").c_str()), 0);
+    log_in("pw");
+    ASSERT_EQ(api.OpenRequestLog(dir.file("kept.log").c_str()), 0);
+    log_in("pw");
+    EXPECT_EQ(lines_without_time(read_file(dir.file("kept.log"))).size(), 4u);
+}
+
+TEST_F(LoggedLogin, AFullDiskOrARemovedFileDoesNotStopTrading) {
+    ASSERT_EQ(api.OpenRequestLog("/dev/full"), 0);
+    ASSERT_EQ(api.OpenResponseLog(dir.file("gone.log").c_str()), 0);
+    start();
+    log_in("pw");
+    EXPECT_TRUE(LoginProbe::logged_in(api));
+    ASSERT_EQ(std::remove(dir.file("gone.log").c_str()), 0);
+    log_in("pw");
+    ASSERT_EQ(api.OpenRequestLog(dir.file("gone.log").c_str()), 0);
+    log_in("pw");
+    ASSERT_EQ(std::remove(dir.file("gone.log").c_str()), 0);
+    log_in("pw");
+    EXPECT_TRUE(LoginProbe::logged_in(api));
+    EXPECT_EQ(LoginProbe::sent(api).size(), 8u);
+}
+
+}  // namespace
