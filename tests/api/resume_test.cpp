@@ -348,6 +348,8 @@ const unsigned int RTN_ORDER = 20482;
 // login that names another day than the front's starts every topic at 0.
 class TopicFront : public test_front::Front {
 public:
+    ~TopicFront() { stop(); }
+
     // Adds count returns to a topic; a connection that has the topic open
     // gets them at once.
     void publish(int topic, int count) {

@@ -83,11 +83,18 @@ public:
             if (opened) port = server->get_channel()->get_socket()->get_local_port();
         });
     }
-    ~Front() {
+    ~Front() { stop(); }
+
+    // Closes the server and stops its reactor; once only. A derived front
+    // calls it first in its own destructor, so that no event of the reactor
+    // thread calls a virtual of an object that is half destroyed.
+    void stop() {
+        if (reactor == nullptr) return;
         run([&] { delete server; });
         reactor->stop();
         reactor->join();
         delete reactor;
+        reactor = nullptr;
     }
 
     std::string address() const { return "tcp://127.0.0.1:" + std::to_string(port); }
