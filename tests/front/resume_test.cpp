@@ -205,9 +205,10 @@ std::vector<int> ends_with(const Front::Faults& faults, unsigned int heartbeat =
     Client c(front.get_port(), heartbeat);
     EXPECT_TRUE(c.wait_ready());
     c.login("trader1", "pass1", 1);
-    for (int i = 1; i <= 20 && c.get_reasons().empty(); ++i) {
+    // Orders until the fault strikes: it comes at a frame count.
+    for (int i = 1; i <= 1000 && c.get_reasons().empty(); ++i) {
         c.send(4101, unsigned(i), 1, order("trader1", std::to_string(100 + i).c_str(), '0', 4000, 1));
-        usleep(20000);
+        usleep(10000);
     }
     wait_until([&] { return !c.get_reasons().empty(); });
     return c.get_reasons();

@@ -120,6 +120,9 @@ struct Trader {
     bool logged_in(int n = 1) { return started && wait_until([&] { return spi.logins.load() >= n; }); }
     // Sends until accepted: the gate may hold a request for a moment.
     void order(const char* local, const char* client, char direction, double price, int volume) {
+        wait_until([&] { return try_order(local, client, direction, price, volume) == 0; });
+    }
+    int try_order(const char* local, const char* client, char direction, double price, int volume) {
         CTulmQelcInputOrderField o = {};
         strcpy(o.UserID, spi.user);
         strcpy(o.ClientID, client);
@@ -133,7 +136,7 @@ struct Trader {
         o.VolumeTotalOriginal = volume;
         o.TimeCondition = '3';
         o.VolumeCondition = '1';
-        wait_until([&] { return api->ReqOrderInsert(&o, ++request) == 0; });
+        return api->ReqOrderInsert(&o, ++request);
     }
 
     CTulmQelcTraderApi* api;
@@ -245,14 +248,17 @@ std::vector<int> fault_reasons(const Front::Faults& faults, unsigned heartbeat, 
     EXPECT_TRUE(t.started);
     EXPECT_TRUE(wait_until([&] { return t.spi.connected.load() >= 1; }));
     front.set_faults(Front::Faults{});
+    // Orders until the fault strikes: it comes at a frame count, however
+    // slowly the login went.
+    EXPECT_TRUE(wait_until([&] { return t.spi.logins.load() >= 1 || !t.spi.copy(t.spi.reasons).empty(); }));
     char local[13];
-    for (int i = 1; i <= 8 && t.spi.copy(t.spi.reasons).empty(); ++i) {
+    for (int i = 1; i <= 1000 && t.spi.copy(t.spi.reasons).empty(); ++i) {
         snprintf(local, sizeof(local), "%06d", i);
-        if (t.spi.logins.load()) t.order(local, "C001", '0', 3000.0, 1);
-        usleep(50000);
+        t.try_order(local, "C001", '0', 3000.0, 1);
+        usleep(10000);
     }
     EXPECT_TRUE(wait_until([&] { return !t.spi.copy(t.spi.reasons).empty(); }));
-    EXPECT_TRUE(wait_until([&] { return t.spi.logins.load() >= 1 && t.spi.connected.load() >= 2; }));
+    EXPECT_TRUE(wait_until([&] { return t.spi.logins.load() >= 2 && t.spi.connected.load() >= 2; }));
     logins = t.spi.logins.load();
     // Once and in order across the connections.
     std::vector<int> seen = t.spi.sequences(2);
