@@ -464,17 +464,45 @@ public:
 
     void OnFrontConnected() override { connects.fetch_add(1); }
     void OnFrontDisconnected(int reason) override {
-        if (getenv("RESUME_DEBUG")) fprintf(stderr, "disconnected %x\n", reason);
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            reasons.push_back(reason);
+        }
         disconnects.fetch_add(1);
+    }
+    void OnHeartBeatWarning(int seconds) override {
+        std::lock_guard<std::mutex> lock(mutex);
+        warnings.push_back(seconds);
+        warned_before_disconnect.push_back(disconnects.load());
     }
     void OnRspUserLogin(CTulmQelcRspUserLoginField*, CTulmQelcRspInfoField* info, int, bool) override {
         if (info == nullptr || info->ErrorID == 0) logins.fetch_add(1);
     }
     void OnPackageStart(int topic, int) override { current_topic = topic; }
     void OnRtnOrder(CTulmQelcOrderField* order) override {
-        std::lock_guard<std::mutex> lock(mutex);
-        received[current_topic].push_back(static_cast<unsigned int>(std::strtoul(order->OrderSysID, nullptr, 10)));
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            received[current_topic].push_back(static_cast<unsigned int>(std::strtoul(order->OrderSysID, nullptr, 10)));
+        }
+        if (query_on_order.load()) {
+            // A request from inside a callback, on the reactor thread.
+            CTulmQelcQryOrderField query = {};
+            std::strcpy(query.OrderSysID, order->OrderSysID);
+            const int result = api->ReqQryOrder(&query, order->VolumeTotalOriginal);
+            std::lock_guard<std::mutex> lock(mutex);
+            query_results.push_back(result);
+        }
     }
+    std::vector<int> get(std::vector<int>& list) {
+        std::lock_guard<std::mutex> lock(mutex);
+        return list;
+    }
+    TradeApi* api = nullptr;  // set before Init
+    std::atomic<bool> query_on_order{false};
+    std::vector<int> reasons;
+    std::vector<int> warnings;
+    std::vector<int> warned_before_disconnect;  // disconnections seen at each warning
+    std::vector<int> query_results;
     std::vector<unsigned int> numbers(int topic) {
         std::lock_guard<std::mutex> lock(mutex);
         return received[topic];
@@ -490,9 +518,12 @@ private:
 // A trader on the front, with short reconnection periods.
 class Client {
 public:
-    Client(const TempDir& dir, TopicFront& front, TE_RESUME_TYPE private_type, TE_RESUME_TYPE public_type = TE_RESUME_NONE)
+    Client(const TempDir& dir, TopicFront& front, TE_RESUME_TYPE private_type, TE_RESUME_TYPE public_type = TE_RESUME_NONE,
+           unsigned int heartbeat = 10)
         : api(static_cast<TradeApi*>(CTulmQelcTraderApi::CreateQelcTraderApi(dir.path.c_str()))) {
+        spi.api = api;
         api->RegisterSpi(&spi);
+        api->SetHeartbeatTimeout(heartbeat);
         api->SubscribePrivateTopic(private_type);
         api->SubscribePublicTopic(public_type);
         api->RegisterFront(front.address().c_str());
@@ -671,6 +702,42 @@ TEST(ResumeWire, ANewTradingDayReplaysTheNewDaysTopicInFull) {
     }
     // The login reply gave the data centre (0) along with the day.
     EXPECT_EQ(dir.read(), "20260105,  0\n    2,        25\n");
+}
+
+// Callbacks run with no lock held: each return asks a query from inside
+// OnRtnOrder, and every query reaches the front. A dropped connection
+// reaches the application as 0x1001.
+TEST(ResumeWire, ACallbackMaySendRequestsAndADropIsReportedAs0x1001) {
+    TempDir dir;
+    TopicFront front;
+    front.limits.query_per_second = 0;
+    front.limits.query_on_way = 0;
+    Client client(dir, front, TE_RESUME_FROM_START);
+    ASSERT_TRUE(client.login());
+    client.spi.query_on_order.store(true);
+    front.publish(2, 20);
+    ASSERT_TRUE(wait_until([&] { return front.packets(16387).size() == 20; }));
+    EXPECT_EQ(client.spi.get(client.spi.query_results), std::vector<int>(20, 0));
+    client.spi.query_on_order.store(false);
+    front.drop();
+    ASSERT_TRUE(wait_until([&] { return client.spi.disconnects.load() == 1; }));
+    EXPECT_EQ(client.spi.get(client.spi.reasons), std::vector<int>{0x1001});
+}
+
+// A heartbeat timeout of 4 seconds gives warnings after 2 seconds of
+// silence: the front's thread is held for 3.5 seconds, so at least one
+// warning comes, of 2 or 3 seconds, before any disconnection.
+TEST(ResumeWire, HeartbeatWarningsFollowTheTimeoutInForce) {
+    TempDir dir;
+    TopicFront front;
+    Client client(dir, front, TE_RESUME_NONE, TE_RESUME_NONE, 4);
+    ASSERT_TRUE(wait_until([&] { return client.spi.connects.load() == 1; }));
+    front.run([] { usleep(3500000); });
+    ASSERT_TRUE(wait_until([&] { return !client.spi.get(client.spi.warnings).empty(); }));
+    const std::vector<int> warnings = client.spi.get(client.spi.warnings);
+    EXPECT_GE(warnings[0], 2);
+    EXPECT_LE(warnings[0], 3);
+    EXPECT_EQ(client.spi.get(client.spi.warned_before_disconnect)[0], 0);
 }
 
 }  // namespace
