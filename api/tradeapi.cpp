@@ -235,7 +235,7 @@ int TradeApi::on_event(int event, void* argument) {
 // On the reactor thread. No callback runs in it: spi is null already, and
 // the close that deleting the session brings is swallowed by
 // on_disconnected, as released is set.
-void TradeApi::teardown(bool stop_reactor) {
+void TradeApi::teardown(bool from_callback) {
     Parallel::FdReactor* used = reactor.load(std::memory_order_relaxed);
     used->remove_handler(this);
     used->remove_timer(tick_timer);
@@ -257,12 +257,14 @@ void TradeApi::teardown(bool stop_reactor) {
     delete control_flow;
     delete queue_iterator;
     delete request_queue;
-    if (stop_reactor && given_reactor == nullptr) {
+    // From a callback nobody waits for this event: it stops the own
+    // reactor's thread (Join joins it) and sets the sign itself.
+    if (from_callback && given_reactor == nullptr) {
         reactor_unjoined = true;
         used->stop();
     }
     // Sets the sign last: Join may free the object as soon as it is set.
-    if (stop_reactor) release_sign.set();
+    if (from_callback) release_sign.set();
 }
 
 // The own reactor's thread is joined here, but the reactor object lives on

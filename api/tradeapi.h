@@ -160,7 +160,7 @@ private:
     struct Resolved;  // the numeric addresses that Init keeps
     int resolve_addresses(Resolved* out);
     void start_sessions(const Resolved* addresses);  // Init's steps from the bond session on
-    void teardown(bool stop_reactor);                // Release's work on the reactor thread
+    void teardown(bool from_callback);               // Release's work on the reactor thread
     // Set by a teardown that stopped the own reactor's thread without
     // joining it (Release from inside a callback); Join joins it. Written
     // before release_sign is set and read after Join took it.
@@ -204,11 +204,14 @@ private:
     // struct form into reply_buffers[buffer], ends every text member with a
     // zero and returns the buffer; otherwise null.
     void* take_record(unsigned short id, const Base::FieldDesc* desc, int buffer);
-    // The same for the record the iterator stands on.
-    void* decode_record(const Base::FieldDesc* desc, int buffer);
+    // The same for the record the iterator stands on, by its generated
+    // coder when one is given.
+    void* decode_record(const Base::FieldDesc* desc, Network::QelcPacket::FromStreamCoder coder, int buffer);
   public:
     struct DispatchEntry;  // one row of the packet table
   private:
+    // take_record with the row's record and coder.
+    void* take_entry_record(const DispatchEntry* entry, int buffer);
     // Decodes the header of a stored frame into `packet` and attaches the
     // iterator to its body; false when the frame can't hold the headers.
     bool open_frame(const void* data, unsigned short size);

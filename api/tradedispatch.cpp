@@ -66,6 +66,7 @@ struct TradeApi::DispatchEntry {
     unsigned int packet_id;
     Form form;
     const Base::FieldDesc* desc;  // the record the form expects
+    Network::QelcPacket::FromStreamCoder coder;  // its generated decoder
     SpiCall call;                 // null for the library's own packets
     const char* name;             // log name, the callback's name
 };
@@ -75,28 +76,28 @@ namespace {
 // Rows by form: the packet id, the record's name without its family prefix
 // and "Field", and the callback's name without its form prefix.
 #define QEL_REPLY(id, record, op)                                                         \
-    { id, FORM_REPLY, &Qel##record##Field::DESC,                                          \
+    { id, FORM_REPLY, &Qel##record##Field::DESC, &Qel##record##Field::from_stream,        \
       &call_reply<CTulmQelc##record##Field, &CTulmQelcTraderSpi::OnRsp##op>, "OnRsp" #op }
 #define QEL_QUERY(id, record, op)                                                            \
-    { id, FORM_QUERY, &Qel##record##Field::DESC,                                             \
+    { id, FORM_QUERY, &Qel##record##Field::DESC, &Qel##record##Field::from_stream,           \
       &call_reply<CTulmQelc##record##Field, &CTulmQelcTraderSpi::OnRspQry##op>, "OnRspQry" #op }
 #define QEL_ERROR_RETURN(id, record, op)                                                      \
-    { id, FORM_ERROR_RETURN, &Qel##record##Field::DESC,                                       \
+    { id, FORM_ERROR_RETURN, &Qel##record##Field::DESC, &Qel##record##Field::from_stream,     \
       &call_error_return<CTulmQelc##record##Field, &CTulmQelcTraderSpi::OnErrRtn##op>,        \
       "OnErrRtn" #op }
 #define QEL_RETURN(id, record, op)                                                          \
-    { id, FORM_RETURN, &Qel##record##Field::DESC,                                           \
+    { id, FORM_RETURN, &Qel##record##Field::DESC, &Qel##record##Field::from_stream,         \
       &call_return<CTulmQelc##record##Field, &CTulmQelcTraderSpi::OnRtn##op>, "OnRtn" #op }
 
 constexpr TradeApi::DispatchEntry g_dispatch_table[] = {
-    {1, FORM_RSP_ERROR, &QelRspInfoField::DESC, &call_rsp_error, "OnRspError"},
-    {4098, FORM_LOGIN, &QelRspUserLoginField::DESC, nullptr, "OnRspUserLogin"},
-    {4100, FORM_LOGOUT, &QelRspUserLogoutField::DESC, nullptr, "OnRspUserLogout"},
+    {1, FORM_RSP_ERROR, &QelRspInfoField::DESC, &QelRspInfoField::from_stream, &call_rsp_error, "OnRspError"},
+    {4098, FORM_LOGIN, &QelRspUserLoginField::DESC, &QelRspUserLoginField::from_stream, nullptr, "OnRspUserLogin"},
+    {4100, FORM_LOGOUT, &QelRspUserLogoutField::DESC, &QelRspUserLogoutField::from_stream, nullptr, "OnRspUserLogout"},
     QEL_REPLY(4102, InputOrder, OrderInsert),
     QEL_REPLY(4104, OrderAction, OrderAction),
     QEL_REPLY(4106, InputQuote, QuoteInsert),
     QEL_REPLY(4108, QuoteAction, QuoteAction),
-    {4112, FORM_PASSWORD, &QelUserPasswordUpdateField::DESC,
+    {4112, FORM_PASSWORD, &QelUserPasswordUpdateField::DESC, &QelUserPasswordUpdateField::from_stream,
      &call_reply<CTulmQelcUserPasswordUpdateField, &CTulmQelcTraderSpi::OnRspUserPasswordUpdate>,
      "OnRspUserPasswordUpdate"},
     QEL_REPLY(4114, InputExecOrder, ExecOrderInsert),
@@ -127,11 +128,11 @@ constexpr TradeApi::DispatchEntry g_dispatch_table[] = {
     QEL_RETURN(20486, AbandonExecOrder, AbandonExecOrder),
     QEL_RETURN(20497, InstrumentStatus, InstrumentStatus),
     QEL_RETURN(20737, Instrument, InsInstrument),
-    {20993, FORM_RETURN_MANY, &QelFlowMessageCancelField::DESC,
+    {20993, FORM_RETURN_MANY, &QelFlowMessageCancelField::DESC, &QelFlowMessageCancelField::from_stream,
      &call_return<CTulmQelcFlowMessageCancelField, &CTulmQelcTraderSpi::OnRtnFlowMessageCancel>,
      "OnRtnFlowMessageCancel"},
     QEL_RETURN(22529, Bulletin, Bulletin),
-    {22785, FORM_DISSEMINATION, &QelDisseminationField::DESC, nullptr, "IntlRtnDissemination"},
+    {22785, FORM_DISSEMINATION, &QelDisseminationField::DESC, &QelDisseminationField::from_stream, nullptr, "IntlRtnDissemination"},
     QEL_ERROR_RETURN(24705, InputOrder, OrderInsert),
     QEL_ERROR_RETURN(24706, OrderAction, OrderAction),
     QEL_ERROR_RETURN(24707, InputQuote, QuoteInsert),
@@ -142,14 +143,14 @@ constexpr TradeApi::DispatchEntry g_dispatch_table[] = {
     QEL_ERROR_RETURN(24716, InputAbandonExecOrder, AbandonExecOrderInsert),
     QEL_ERROR_RETURN(24717, AbandonExecOrderAction, AbandonExecOrderAction),
     QEL_RETURN(24718, QuoteDemandNotify, QuoteDemandNotify),
-    {24722, FORM_CRYPT, &QelRspInfoField::DESC, nullptr, "OnRspQryCryptInfo"},
+    {24722, FORM_CRYPT, &QelRspInfoField::DESC, &QelRspInfoField::from_stream, nullptr, "OnRspQryCryptInfo"},
     QEL_REPLY(24738, InputOptionSelfClose, OptionSelfCloseUpdate),
     QEL_ERROR_RETURN(24739, InputOptionSelfClose, OptionSelfCloseUpdate),
     QEL_RETURN(24740, OptionSelfClose, OptionSelfCloseUpdate),
     QEL_REPLY(24742, OptionSelfCloseAction, OptionSelfCloseAction),
     QEL_ERROR_RETURN(24743, OptionSelfCloseAction, OptionSelfCloseAction),
     QEL_QUERY(24745, OptionSelfClose, OptionSelfClose),
-    {24747, FORM_AUTHENTICATE, &QelProductAuthField::DESC, nullptr, "OnRspAuthenticate"},
+    {24747, FORM_AUTHENTICATE, &QelProductAuthField::DESC, &QelProductAuthField::from_stream, nullptr, "OnRspAuthenticate"},
 };
 
 #undef QEL_REPLY
@@ -234,7 +235,7 @@ void TradeApi::dispatch(const DispatchEntry* entry, CTulmQelcTraderSpi* callback
 }
 
 void TradeApi::dispatch_rsp_error(const DispatchEntry* entry, CTulmQelcTraderSpi* callback) {
-    void* info = take_record(entry->desc->id, entry->desc, 0);
+    void* info = take_entry_record(entry, 0);
     if (info == nullptr) return;
     const Network::QelcPacket::Header& header = packet.get_header();
     count_answer(header.Subject == 4 ? &query_flux : &trade_flux);
@@ -246,9 +247,9 @@ void TradeApi::dispatch_rsp_error(const DispatchEntry* entry, CTulmQelcTraderSpi
 // Reply and error return: RspInfo, then the record; a further record of the
 // packet is not looked at.
 void TradeApi::dispatch_reply(const DispatchEntry* entry, CTulmQelcTraderSpi* callback) {
-    void* info = take_record(QelRspInfoField::DESC.id, &QelRspInfoField::DESC, 0);
-    if (info == nullptr) return;
-    void* record = take_record(entry->desc->id, entry->desc, 1);
+    if (packet_iterator.next() != QelRspInfoField::DESC.id) return;
+    void* info = decode_record(&QelRspInfoField::DESC, &QelRspInfoField::from_stream, 0);
+    void* record = take_entry_record(entry, 1);
     if (record == nullptr) return;
     const Network::QelcPacket::Header& header = packet.get_header();
     if (entry->form != FORM_ERROR_RETURN) count_answer(&trade_flux);
@@ -266,7 +267,7 @@ void TradeApi::dispatch_reply(const DispatchEntry* entry, CTulmQelcTraderSpi* ca
 }
 
 void TradeApi::dispatch_return(const DispatchEntry* entry, CTulmQelcTraderSpi* callback) {
-    void* record = take_record(entry->desc->id, entry->desc, 1);
+    void* record = take_entry_record(entry, 1);
     if (record == nullptr) return;
     if (callback) entry->call(callback, record, nullptr, 0, false);
     if (response_log)
@@ -279,7 +280,7 @@ void TradeApi::dispatch_return(const DispatchEntry* entry, CTulmQelcTraderSpi* c
 void TradeApi::dispatch_return_many(const DispatchEntry* entry, CTulmQelcTraderSpi* callback) {
     const int length = packet.get_header().BodyLength;
     for (int taken = 0; packet_iterator.get_position() < length; ++taken) {
-        void* record = take_record(entry->desc->id, entry->desc, taken % 3);
+        void* record = take_entry_record(entry, taken % 3);
         if (record == nullptr) return;
         if (callback) entry->call(callback, record, nullptr, 0, false);
         if (response_log)
@@ -302,10 +303,10 @@ void TradeApi::dispatch_query(const DispatchEntry* entry, CTulmQelcTraderSpi* ca
         const unsigned short id = packet_iterator.next();
         if (id == Network::QelcPacket::END) break;
         if (id == QelRspInfoField::DESC.id) {
-            info = decode_record(&QelRspInfoField::DESC, 0);
+            info = decode_record(&QelRspInfoField::DESC, &QelRspInfoField::from_stream, 0);
             if (record == nullptr) continue;
         } else if (id == entry->desc->id) {
-            record = decode_record(entry->desc, 1);
+            record = decode_record(entry->desc, entry->coder, 1);
         } else if (record == nullptr) {
             continue;
         }
@@ -337,12 +338,22 @@ void TradeApi::count_answer(FluxValue* flux) {
 
 void* TradeApi::take_record(unsigned short id, const Base::FieldDesc* desc, int buffer) {
     if (packet_iterator.next() != id) return nullptr;
-    return decode_record(desc, buffer);
+    return decode_record(desc, nullptr, buffer);
 }
 
-void* TradeApi::decode_record(const Base::FieldDesc* desc, int buffer) {
+void* TradeApi::take_entry_record(const DispatchEntry* entry, int buffer) {
+    if (packet_iterator.next() != entry->desc->id) return nullptr;
+    return decode_record(entry->desc, entry->coder, buffer);
+}
+
+// The generated coder when there is one (it decodes without walking the
+// description), else the description's generic coder.
+void* TradeApi::decode_record(const Base::FieldDesc* desc, Network::QelcPacket::FromStreamCoder coder, int buffer) {
     char* out = reply_buffers[buffer];
-    packet_iterator.get_field(out, desc, true);
+    if (coder)
+        packet_iterator.get_field(out, coder, true);
+    else
+        packet_iterator.get_field(out, desc, true);
     // The wire promises no zero behind a text: end each one in its last byte.
     for (int i = 0; i < desc->member_count; ++i) {
         const Base::FieldDesc::MemberDesc* member = desc->get_member_desc(i);

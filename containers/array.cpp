@@ -3,7 +3,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "sync/atomics.h"
 #include "containers/blockmem.h"
 #include "sync/lfstack.h"
 #include "base/strings.h"
@@ -69,15 +68,13 @@ bool Array::set(unsigned long i, const void* value) {
     unsigned long n = count;  // the writer's own count
     while (n < i) {
         write(n, nullptr);
-        // Full fence, then a release store: the default element is complete
-        // before a reader can see the count that covers it.
-        full_fence();
+        // Release: the default element is complete before a reader's
+        // acquire load can see the count that covers it.
         __atomic_store_n(&count, ++n, __ATOMIC_RELEASE);
     }
     write(i, value);
     if (i == n) {
         // As above, for the new element.
-        full_fence();
         __atomic_store_n(&count, n + 1, __ATOMIC_RELEASE);
     }
     return true;

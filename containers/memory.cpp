@@ -1,6 +1,5 @@
 #include "containers/memory.h"
 
-#include "sync/atomics.h"
 #include "sync/lfstack.h"
 
 namespace Base {
@@ -59,14 +58,12 @@ bool Memory::reserve(Chunk* chunk, unsigned long size, uint64_t& offset) {
     offset = __atomic_load_n(&chunk->offset, __ATOMIC_RELAXED);
     for (;;) {
         if (offset + size > chunk->size) return false;
-        // Release: the piece's range is claimed before the caller writes to it;
-        // a failed swap reloads offset and tries again.
+        // Relaxed: the swap's atomicity alone keeps claimed ranges apart; no
+        // other thread reads a piece through the offset, so nothing needs
+        // ordering against it. A failed swap reloads offset and tries again.
         if (__atomic_compare_exchange_n(&chunk->offset, &offset, offset + size, false,
-                                        __ATOMIC_RELEASE, __ATOMIC_RELAXED)) {
-            // Full fence: no access to the piece moves above its reservation.
-            full_fence();
+                                        __ATOMIC_RELAXED, __ATOMIC_RELAXED))
             return true;
-        }
     }
 }
 
@@ -76,7 +73,7 @@ void* Memory::alloc(unsigned long size) {
         uint64_t offset = 0;
         if (seen != nullptr && reserve(seen, size, offset)) {
             // Relaxed load and store, not an add: used is an approximate
-            // figure, and this keeps the usual path at one compare-and-swap.
+            // figure, not worth a second locked instruction.
             __atomic_store_n(&used, __atomic_load_n(&used, __ATOMIC_RELAXED) + size,
                              __ATOMIC_RELAXED);
             return seen->data + offset;

@@ -1,12 +1,14 @@
 // Base::Memory: a thread-safe arena for things that live long and are given
 // back all at once.
 //
-// alloc() hands out pieces from large chunks with one compare-and-swap in the
-// usual case and may run on any thread, as may restore(). A piece is never
-// freed singly; clear() (while no other thread allocates) makes every chunk
-// reusable, and chunks go back to the heap only with the pool. Pieces have
-// no alignment beyond the running offset: callers ask for slack and align for
-// themselves. alloc() never returns null; an exhausted heap raises.
+// alloc() hands out pieces from large chunks and may run on any thread, as
+// may restore(). The usual case takes three atomic steps: the read of the
+// active chunk (a 16-byte compare-and-swap on x86-64), the compare-and-swap
+// that claims the piece, and a relaxed update of the used figure. A piece
+// is never freed singly; clear() (while no other thread allocates) makes
+// every chunk reusable, and chunks go back to the heap only with the pool.
+// Pieces have no alignment beyond the running offset: callers ask for slack
+// and align for themselves. alloc() never returns null; an exhausted heap raises.
 #pragma once
 
 #include <cstdint>

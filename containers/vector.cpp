@@ -2,7 +2,6 @@
 
 #include <cstring>
 
-#include "sync/atomics.h"
 #include "containers/blockmem.h"
 #include "sync/lfstack.h"
 #include "base/strings.h"
@@ -102,15 +101,13 @@ void Vector::set(unsigned int i, const void* value) {
     uint32_t n = count;  // the writer's own count
     while (n < i) {
         set_value(n, nullptr);
-        // Full fence, then a release store: the default element is complete
-        // before a reader can see the count that covers it.
-        full_fence();
+        // Release: the default element is complete before a reader's
+        // acquire load can see the count that covers it.
         __atomic_store_n(&count, ++n, __ATOMIC_RELEASE);
     }
     set_value(i, value);
     if (i == n) {
         // As above, for the new element.
-        full_fence();
         __atomic_store_n(&count, n + 1, __ATOMIC_RELEASE);
     }
 }
@@ -121,8 +118,7 @@ unsigned int Vector::get_count() const {
 }
 
 void* Vector::Iterator::next() {
-    // Acquire: the element is read after the count that covers it.
-    acquire_fence();
+    // get() reads the count with acquire before the element it covers.
     return vector->get(index++);
 }
 

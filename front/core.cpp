@@ -120,7 +120,6 @@ void Core::on_client_created(Network::ClientSession* client) {
 
 void Core::on_client_destroy(Network::ClientSession* client) {
     Connection* c = static_cast<Connection*>(client);
-    exchange->forget(c);
     for (size_t i = 0; i < connections.size(); ++i)
         if (connections[i] == c) {
             connections.erase(connections.begin() + long(i));

@@ -294,8 +294,6 @@ void Exchange::reply(Connection* c, unsigned short packet_id, unsigned int reque
     r.finish();
 }
 
-void Exchange::forget(Connection*) {}
-
 void Exchange::handle(Connection* c, const char* frame) {
     Packet p = read_packet(frame);
     unsigned int id = p.header.PacketId;

@@ -82,7 +82,6 @@ public:
 
     // One request frame (Xmp header first) from a connection.
     void handle(Connection* connection, const char* frame);
-    void forget(Connection* connection);
     // Once a second: saves what changed.
     void tick();
 

@@ -69,7 +69,7 @@ bool make_key_text(int form, unsigned char type, unsigned long key, const char* 
     }
     char x[65], y[65];
     if (!read_client_key(client_text, x, y)) return false;
-    Cipher::Sm2 sm2;
+    Cipher::Sm2 sm2(true);  // masked with the public key, as the client reads it
     if (!sm2.set_public_key(x, y)) return false;
     sm2.gen_k();
     for (int i = 0; i < 8; ++i) bytes[i] = static_cast<unsigned char>(key >> (8 * i));

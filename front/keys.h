@@ -14,7 +14,8 @@
 //                             D[16], its low half that of D[16..31] seeded
 //                             with the word at D[0]
 //   '0'+type, hex digits      the key's 8 little-endian bytes enciphered
-//                             with SM2 to the client's public key
+//                             with SM2 to the client's public key, the
+//                             output masked with that key's limbs
 //
 // Both ends then switch their channel cipher to (type, key). The answer
 // also carries a random number; a client proves its AuthCode by sending

@@ -136,14 +136,13 @@ int record_text(const Base::FieldDesc* desc, const void* record, char* out, int 
     int n = 0;
     out[0] = '\0';
     char value[1024];
-    char hex[2048];
     for (int i = 0; i < desc->member_count; ++i) {
         const Base::FieldDesc::MemberDesc* m = desc->get_member_desc(i);
         const void* p = desc->get_member(record, i);
         if (m->type == Base::DT_STRING && static_cast<const char*>(p)[0] == '\0') continue;
         if (m->type == Base::DT_CHAR && static_cast<const char*>(p)[0] == '\0') continue;
         if (m->total_size * 2 + 8 > int(sizeof(value))) continue;
-        Base::FieldDesc::print_member(value, m->type, p, false, 0, false, hex);
+        Base::FieldDesc::print_member(value, m->type, p, false, 0, false, nullptr);
         int w = snprintf(out + n, size_t(size - n), n ? " %s=%s" : "%s=%s", m->name, value);
         if (w < 0 || w >= size - n) break;
         n += w;

@@ -120,6 +120,10 @@ void FdReactor::set_blocking(Fd* fd, bool write_blocked) {
 }
 
 void FdReactor::wakeup(bool remote) {
+    // A busy-polling loop never naps and finds every post by itself: a
+    // remote wake-up has nothing to do, not even ask whose thread calls
+    // (a system call on every commit of a flow the loop reads).
+    if (remote && busy_cpu >= 0) return;
     if (remote && !is_current()) {
         // A busy-polling loop never sleeps: it finds the post by itself.
         if (busy_cpu < 0) notify_fd->write();

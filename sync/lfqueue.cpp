@@ -43,7 +43,6 @@ void LFQueue::push(void* value) {
     // This producer alone owns the link of the old tail: write the tag word,
     // then the next word. The release on next makes the node's contents
     // visible to the consumer that finds it through this link.
-    tsan_release(seen.node);
     __atomic_store_n(&seen.node->tag, tag, __ATOMIC_RELAXED);
     __atomic_store_n(&seen.node->next, node, __ATOMIC_RELEASE);
 }
@@ -51,7 +50,7 @@ void LFQueue::push(void* value) {
 void* LFQueue::pop() {
     for (;;) {
         TaggedPair seen = pair_read(head);
-        TaggedPair link = pair_read(seen.node);
+        TaggedPair link = link_read(seen.node);
         if (link.node == nullptr) {
             // Empty only if head has not moved meanwhile: another consumer
             // may have made seen's node a pool node or a fresh tail, whose

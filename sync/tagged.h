@@ -68,10 +68,26 @@ constexpr unsigned __int128 PAIR_NEVER = (unsigned __int128)1 << 64 | ~uint64_t(
 // concurrent link_store of a node just taken from a pool, and cut the chain.
 inline TaggedPair pair_read(const void* slot) {
     unsigned __int128* word = (unsigned __int128*)const_cast<void*>(slot);
-    TaggedPair pair = pair_unpack(__sync_val_compare_and_swap(word, PAIR_NEVER, PAIR_NEVER));
-    // Tell the race detector that this read sees what tsan_release published.
-    tsan_acquire(slot);
-    return pair;
+    return pair_unpack(__sync_val_compare_and_swap(word, PAIR_NEVER, PAIR_NEVER));
+}
+
+// Reads a node's link word, which its writer publishes with 8-byte stores,
+// the next word last with release (LFQueue::push). The pair read above is
+// that release's acquire on the hardware. ThreadSanitizer keys an atomic's
+// order by its address, so it cannot see a 16-byte read at the node acquire
+// a store at node + 8: in that build next is loaded with acquire first, and
+// the pair read must agree with it, so the acquire is of the very store
+// whose value is used. The order checked is the writer's own.
+inline TaggedPair link_read(const TaggedNode* node) {
+#if defined(__SANITIZE_THREAD__)
+    for (;;) {
+        TaggedNode* next = __atomic_load_n(&node->next, __ATOMIC_ACQUIRE);
+        TaggedPair pair = pair_read(node);
+        if (pair.node == next) return pair;
+    }
+#else
+    return pair_read(node);
+#endif
 }
 
 // Pair swap: replaces seen by desired in one step, with acquire and release

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds and runs the whole test suite three times: an optimised build,
-# AddressSanitizer + UndefinedBehaviorSanitizer, and ThreadSanitizer.
+# AddressSanitizer + UndefinedBehaviorSanitizer, and ThreadSanitizer; a full
+# check then gives each fuzz target of fuzz/ a few seconds (tools/fuzz.sh).
 # Usage: bash tools/check.sh [normal|asan|tsan ...]   (default: all three)
 set -eu
 cd "$(dirname "$0")/.."
@@ -33,4 +34,14 @@ run_kind() {
 }
 
 for kind in "${kinds[@]}"; do run_kind "$kind"; done
+# A short fuzz pass (4 s a target) on a full check, where clang and its
+# fuzzer runtime are installed, or installable in CI; tools/fuzz.sh runs
+# longer on request.
+if [ $# -eq 0 ]; then
+  if command -v clang++ >/dev/null || [ "${CI:-}" = true ]; then
+    bash tools/fuzz.sh 4
+  else
+    echo "no clang: fuzz pass skipped (bash tools/fuzz.sh installs it)"
+  fi
+fi
 echo "all test builds passed: ${kinds[*]}"

@@ -33,6 +33,14 @@ public:
     static unsigned long start_id(TradeApi& api, int topic) { return api.resume_start_id(topic); }
     static void disconnect(TradeApi& api, int reason) { api.on_disconnected(reason); }
     static bool logged_in(TradeApi& api) { return api.logged_in.load(); }
+    static Parallel::FdReactor* reactor(TradeApi& api) { return api.reactor.load(); }
+    static Network::QelcBondClientSession* session(TradeApi& api) { return api.session; }
+    // Lets the next login go without its pacing second; on the thread that logs in.
+    static void forget_last_login(TradeApi& api) {
+        api.api_mutex.enter();
+        api.last_login_time = 0;
+        api.api_mutex.leave();
+    }
     // A topic flow as Init builds it, positioned at start.
     static Network::QelcFlow* make_topic_flow(TradeApi& api, int topic, unsigned long start) {
         Network::QelcFlow*& flow = *api.topic_flow(topic);

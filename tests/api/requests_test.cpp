@@ -425,6 +425,51 @@ TEST(Requests, LoginChecksAndPacing) {
     EXPECT_EQ(offline->Join(), 0);
 }
 
+// The topics whose positions a login frame carries.
+std::vector<int> login_topics(const test_front::Frame& frame) {
+    std::vector<int> topics;
+    Network::QelcPacket::Iterator records(&frame.header, frame.bytes.data() + 26);
+    for (unsigned short id = records.next(); id != Network::QelcPacket::END; id = records.next()) {
+        if (id != QelDisseminationField::DESC.id) continue;
+        QelDisseminationField position = {};
+        records.get_field(&position, &QelDisseminationField::DESC, false);
+        topics.push_back(position.SequenceSeries);
+    }
+    return topics;
+}
+
+// ReqSubscribeTopic clears the topic's pending flag, so the next login on
+// this connection no longer carries its position; refused before login,
+// it clears nothing.
+TEST(Requests, SubscribeTopicClearsThePendingFlag) {
+    Trader trader;
+    ASSERT_EQ(trader.api->SubscribePrivateTopic(TE_RESUME_FROM_START), 0);
+    ASSERT_EQ(trader.api->SubscribePublicTopic(TE_RESUME_FROM_START), 0);
+    ASSERT_TRUE(trader.start());
+    CTulmQelcDisseminationField topic = {};
+    topic.SequenceSeries = 2;
+    EXPECT_EQ(trader.api->ReqSubscribeTopic(&topic, 1), -1);
+    CTulmQelcReqUserLoginField login = Trader::login_field();
+    ASSERT_EQ(trader.api->ReqUserLogin(&login, 2), 0);
+    ASSERT_TRUE(wait_until([&] { return trader.spy.logins.load() == 1; }));
+    EXPECT_EQ(trader.api->ReqSubscribeTopic(&topic, 3), 0);
+
+    CTulmQelcReqUserLogoutField logout = {};
+    ASSERT_EQ(trader.api->ReqUserLogout(&logout, 4), 0);
+    ASSERT_TRUE(wait_until([&] { return trader.front.packets(4099).size() == 1; }));
+    QelRspInfoField info = {};
+    QelRspUserLogoutField out = {};
+    trader.front.send(1, 4100, 4,
+                      {{&QelRspInfoField::DESC, &info, QelRspInfoField::to_stream},
+                       {&QelRspUserLogoutField::DESC, &out, QelRspUserLogoutField::to_stream}});
+    ASSERT_TRUE(wait_until([&] { return trader.api->ReqUserLogin(&login, 5) == 0; }));
+    ASSERT_TRUE(wait_until([&] { return trader.spy.logins.load() == 2; }));
+    std::vector<test_front::Frame> logins = trader.front.packets(test_front::LOGIN_REQUEST);
+    ASSERT_EQ(logins.size(), 2u);
+    EXPECT_EQ(login_topics(logins[0]), (std::vector<int>{2, 3}));
+    EXPECT_EQ(login_topics(logins[1]), (std::vector<int>{3}));
+}
+
 // Release from another thread while a burst is on its way and callbacks
 // run: it returns with no callback after it and no thread left.
 TEST(Requests, ReleaseBesideABurstAndItsCallbacks) {

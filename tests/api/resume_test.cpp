@@ -13,8 +13,16 @@
 #include <sstream>
 #include <string>
 
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <vector>
+
 #include "base/measure.h"
+#include "network/qelcsession.h"
 #include "tests/api/dispatch_helpers.h"
+#include "tests/api/test_front.h"
+#include "tests/parallel/reactor_helpers.h"
 
 using Api::TradeApi;
 using Api::TradeApiProbe;
@@ -317,6 +325,350 @@ TEST(TradeCon, DisconnectionCodesAreMappedAndThePositionsSaved) {
         EXPECT_EQ(dir.read(), expected);
     }
     TradeApiProbe::delete_topic_flows(api);
+}
+
+// ---- through the wire -------------------------------------------------------
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+const int RETURNS = 2000;
+#else
+const int RETURNS = 10000;
+#endif
+
+using test_reactor::wait_until;
+
+const unsigned int SUBSCRIBE_REQUEST = 7937;
+const unsigned int SUBSCRIBE_REPLY = 7938;
+const unsigned int DISSEMINATION = 22785;
+const unsigned int RTN_ORDER = 20482;
+
+// A front that keeps numbered order returns on each topic, as an exchange
+// does: a login or a subscription names a position (or -1, from now) and
+// the front answers with the position it takes, then replays from there. A
+// login that names another day than the front's starts every topic at 0.
+class TopicFront : public test_front::Front {
+public:
+    // Adds count returns to a topic; a connection that has the topic open
+    // gets them at once.
+    void publish(int topic, int count) {
+        run([&] {
+            for (int i = 0; i < count; ++i) {
+                const unsigned int number = ++published[topic];
+                if (opened[topic] && opened[topic] == links.back().get()) append(topic, number);
+            }
+        });
+    }
+    // The positions that each login asked for, in order.
+    std::vector<std::map<int, int>> asked() {
+        std::lock_guard<std::mutex> lock(asked_mutex);
+        return logins;
+    }
+    std::vector<std::string> login_days() {
+        std::lock_guard<std::mutex> lock(asked_mutex);
+        return days;
+    }
+    std::string day = "20260105";  // as the login reply says
+
+protected:
+    void on_frame(Link* link, const char* data, unsigned short size) override {
+        Front::on_frame(link, data, size);
+        if (link != links.back().get()) return;
+        Network::QelcPacket::Header header;
+        Network::QelcPacket::from_stream(&header, data + 6);
+        Network::QelcPacket::Iterator records(&header, data + 26);
+        if (header.PacketId == test_front::LOGIN_REQUEST && answer_login.load()) {
+            std::map<int, int> positions;
+            std::string login_day;
+            for (unsigned short id; (id = records.next()) != Network::QelcPacket::END;) {
+                if (id == QelReqUserLoginField::DESC.id) {
+                    QelReqUserLoginField login;
+                    records.get_field(&login, &QelReqUserLoginField::DESC, false);
+                    login_day = login.TradingDay;
+                } else if (id == QelDisseminationField::DESC.id) {
+                    QelDisseminationField topic;
+                    records.get_field(&topic, &QelDisseminationField::DESC, false);
+                    positions[topic.SequenceSeries] = topic.SequenceNo;
+                }
+            }
+            {
+                std::lock_guard<std::mutex> lock(asked_mutex);
+                logins.push_back(positions);
+                days.push_back(login_day);
+            }
+            if (!login_day.empty() && login_day != day)
+                for (auto& topic : positions) topic.second = 0;
+            open_topics(link, positions);
+        } else if (header.PacketId == SUBSCRIBE_REQUEST) {
+            QelDisseminationField topic = {};
+            if (records.next() == QelDisseminationField::DESC.id)
+                records.get_field(&topic, &QelDisseminationField::DESC, false);
+            QelRspInfoField info = {};
+            write_packet(1, SUBSCRIBE_REPLY, header.RequestId,
+                         {{&QelRspInfoField::DESC, &info, nullptr}, {&QelDisseminationField::DESC, &topic, nullptr}},
+                         'L');
+            open_topics(link, {{topic.SequenceSeries, topic.SequenceNo}});
+        }
+    }
+
+    // The dissemination goes out on the reply flow, which the channel sends
+    // ahead of the topic flows, so the client has the flows open before the
+    // first replayed return reaches them.
+    void open_topics(Link* link, const std::map<int, int>& positions) {
+        std::vector<QelDisseminationField> answer;
+        for (const auto& asked_topic : positions) {
+            const int topic = asked_topic.first;
+            if (down_index(static_cast<unsigned short>(topic)) < 0) continue;
+            unsigned int position = asked_topic.second < 0 ? published[topic] : static_cast<unsigned int>(asked_topic.second);
+            if (position > published[topic]) position = published[topic];
+            answer.push_back({static_cast<short>(topic), static_cast<int>(position)});
+        }
+        std::vector<test_front::Record> records;
+        for (const QelDisseminationField& topic : answer) records.push_back({&QelDisseminationField::DESC, &topic, nullptr});
+        write_packet(1, DISSEMINATION, 0, records, 'L');
+        for (const QelDisseminationField& topic : answer) {
+            const int index = down_index(static_cast<unsigned short>(topic.SequenceSeries));
+            Network::QelcFlow* flow = new Network::QelcFlow(static_cast<unsigned short>(topic.SequenceSeries), 0x100000,
+                                                            0x100000, nullptr, nullptr, topic.SequenceNo, nullptr,
+                                                            false, false);
+            link->client->publish(flow, topic.SequenceNo, nullptr, nullptr, nullptr);
+            link->down[index].reset(flow);
+            opened[topic.SequenceSeries] = link;
+            for (unsigned int n = topic.SequenceNo + 1; n <= published[topic.SequenceSeries]; ++n)
+                append(topic.SequenceSeries, n);
+        }
+    }
+
+    void append(int topic, unsigned int number) {
+        QelOrderField order = {};
+        std::snprintf(order.OrderSysID, sizeof(order.OrderSysID), "%u", number);
+        order.VolumeTotalOriginal = static_cast<int>(number);
+        write_packet(static_cast<unsigned short>(topic), RTN_ORDER, 0, {{&QelOrderField::DESC, &order, nullptr}}, 'L');
+    }
+
+    unsigned int published[6] = {};  // reactor thread
+    Link* opened[6] = {};             // the connection each topic was opened on
+    std::mutex asked_mutex;
+    std::vector<std::map<int, int>> logins;
+    std::vector<std::string> days;
+};
+
+// Counts the connection events and keeps the number of every order return
+// of each topic, with the topic its package bracket named.
+class WireSpi : public CTulmQelcTraderSpi {
+public:
+    std::atomic<int> connects{0};
+    std::atomic<int> logins{0};
+    std::atomic<int> disconnects{0};
+
+    void OnFrontConnected() override { connects.fetch_add(1); }
+    void OnFrontDisconnected(int reason) override {
+        if (getenv("RESUME_DEBUG")) fprintf(stderr, "disconnected %x\n", reason);
+        disconnects.fetch_add(1);
+    }
+    void OnRspUserLogin(CTulmQelcRspUserLoginField*, CTulmQelcRspInfoField* info, int, bool) override {
+        if (info == nullptr || info->ErrorID == 0) logins.fetch_add(1);
+    }
+    void OnPackageStart(int topic, int) override { current_topic = topic; }
+    void OnRtnOrder(CTulmQelcOrderField* order) override {
+        std::lock_guard<std::mutex> lock(mutex);
+        received[current_topic].push_back(static_cast<unsigned int>(std::strtoul(order->OrderSysID, nullptr, 10)));
+    }
+    std::vector<unsigned int> numbers(int topic) {
+        std::lock_guard<std::mutex> lock(mutex);
+        return received[topic];
+    }
+    size_t count(int topic) { return numbers(topic).size(); }
+
+private:
+    int current_topic = 0;  // reactor thread
+    std::mutex mutex;
+    std::map<int, std::vector<unsigned int>> received;
+};
+
+// A trader on the front, with short reconnection periods.
+class Client {
+public:
+    Client(const TempDir& dir, TopicFront& front, TE_RESUME_TYPE private_type, TE_RESUME_TYPE public_type = TE_RESUME_NONE)
+        : api(static_cast<TradeApi*>(CTulmQelcTraderApi::CreateQelcTraderApi(dir.path.c_str()))) {
+        api->RegisterSpi(&spi);
+        api->SubscribePrivateTopic(private_type);
+        api->SubscribePublicTopic(public_type);
+        api->RegisterFront(front.address().c_str());
+        api->Init();
+        test_reactor::run_on(*TradeApiProbe::reactor(*api), [&] {
+            Network::QelcBondClientSession* session = TradeApiProbe::session(*api);
+            for (int i = 0; i < Network::QelcBondClientSession::MAX_FRONTS && session->get_child(i); ++i)
+                session->get_child(i)->set_periods(Network::QelcClientSession::HEARTBEAT_PERIOD, 50000,
+                                                   Network::QelcClientSession::BUFFER_PERIOD);
+        });
+    }
+    ~Client() {
+        api->Release();
+        api->Join();
+    }
+    // Waits for a connection that has not been logged in on yet and logs
+    // in on it; false when none came.
+    bool login() {
+        for (int attempt = 0; attempt < 50; ++attempt) {
+            if (!wait_until([&] { return spi.connects.load() > used && spi.connects.load() > spi.disconnects.load(); }))
+                return false;
+            const int connection = spi.connects.load();
+            const int done = spi.logins.load();
+            CTulmQelcReqUserLoginField field = {};
+            std::strcpy(field.UserID, "U1");
+            std::strcpy(field.ParticipantID, "P1");
+            std::strcpy(field.Password, "secret");
+            std::strcpy(field.UserProductInfo, "resume test");
+            TradeApiProbe::forget_last_login(*api);
+            if (api->ReqUserLogin(&field, 1) != 0) {
+                usleep(10000);
+                continue;
+            }
+            wait_until([&] { return spi.logins.load() > done || spi.disconnects.load() >= connection; });
+            if (spi.logins.load() > done) {
+                used = connection;
+                return true;
+            }
+        }
+        return false;
+    }
+    int used = 0;  // the connections logged in on so far
+    WireSpi spi;
+    TradeApi* api;
+};
+
+std::vector<unsigned int> range(unsigned int first, unsigned int last) {
+    std::vector<unsigned int> out;
+    for (unsigned int n = first; n <= last; ++n) out.push_back(n);
+    return out;
+}
+
+// Publishes `total` returns in random chunks, dropping the connection at
+// random points and logging in again each time.
+void publish_with_drops(TopicFront& front, Client& client, int total, int drops, std::mt19937& random) {
+    int done = 0;
+    int dropped = 0;
+    while (done < total) {
+        const int chunk = std::min(total - done, static_cast<int>(1 + random() % (total / 4)));
+        front.publish(2, chunk);
+        done += chunk;
+        if (dropped < drops && random() % 2 == 0) {
+            ++dropped;
+            front.drop();
+            ASSERT_TRUE(client.login());
+        }
+    }
+}
+
+// For each resume type: numbered returns across dropped connections, then
+// across a destroyed and recreated trader that keeps trade.con.
+void run_resume_type(TE_RESUME_TYPE type) {
+    const unsigned int seed = std::random_device()();
+    SCOPED_TRACE("type " + std::to_string(type) + " seed " + std::to_string(seed));
+    std::mt19937 random(seed);
+    TempDir dir;
+    TopicFront front;
+    ASSERT_TRUE(front.is_open());
+    const unsigned int before = 100;  // published before the first login
+    front.publish(2, before);
+    const unsigned int first = type == TE_RESUME_FROM_NOW ? before + 1 : 1;
+    {
+        Client client(dir, front, type);
+        ASSERT_TRUE(client.login());
+        publish_with_drops(front, client, RETURNS, 3, random);
+        const unsigned int last = before + RETURNS;
+        ASSERT_TRUE(wait_until([&] { return client.spi.count(2) >= last - first + 1; }));
+        EXPECT_TRUE(client.spi.numbers(2) == range(first, last));
+        // Every login after the first asked for what had arrived by then,
+        // never for "from now" again.
+        const auto asked = front.asked();
+        for (size_t i = 1; i < asked.size(); ++i) EXPECT_GE(asked[i].at(2), 0);
+    }
+    // While no trader runs, more is published; the next one resumes by its type.
+    front.publish(2, 50);
+    const unsigned int last = before + RETURNS + 50;
+    {
+        Client client(dir, front, type);
+        ASSERT_TRUE(client.login());
+        front.publish(2, 20);
+        switch (type) {
+        case TE_RESUME_FROM_SAVED:
+            ASSERT_TRUE(wait_until([&] { return client.spi.count(2) >= 70; }));
+            EXPECT_TRUE(client.spi.numbers(2) == range(before + RETURNS + 1, last + 20));
+            break;
+        case TE_RESUME_FROM_START:
+            ASSERT_TRUE(wait_until([&] { return client.spi.count(2) >= last + 20; }));
+            EXPECT_TRUE(client.spi.numbers(2) == range(1, last + 20));
+            break;
+        default:
+            ASSERT_TRUE(wait_until([&] { return client.spi.count(2) >= 20; }));
+            EXPECT_TRUE(client.spi.numbers(2) == range(last + 1, last + 20));
+            break;
+        }
+        EXPECT_EQ(front.asked().back().at(2), type == TE_RESUME_FROM_SAVED ? static_cast<int>(before + RETURNS)
+                                                : type == TE_RESUME_FROM_START ? 0 : -1);
+    }
+}
+
+TEST(ResumeWire, FromSavedDeliversEveryReturnOnceAcrossDropsAndRestarts) { run_resume_type(TE_RESUME_FROM_SAVED); }
+TEST(ResumeWire, FromStartDeliversEveryReturnOnceAcrossDropsAndAgainAfterARestart) {
+    run_resume_type(TE_RESUME_FROM_START);
+}
+TEST(ResumeWire, FromNowSkipsThePastOnceThenResumesWhereItStood) { run_resume_type(TE_RESUME_FROM_NOW); }
+
+// A reconnection in mid-stream with the private topic resumed from saved,
+// the public from now and the user topic taken by ReqSubscribeTopic after
+// the login: the next login carries all three where they stood.
+TEST(ResumeWire, TheReloginCarriesEveryTopicOfTheConnectionBefore) {
+    TempDir dir;
+    TopicFront front;
+    front.publish(2, 30);
+    front.publish(3, 40);
+    front.publish(5, 50);
+    Client client(dir, front, TE_RESUME_FROM_SAVED, TE_RESUME_FROM_NOW);
+    ASSERT_TRUE(client.login());
+    ASSERT_EQ(front.asked().size(), 1u);
+    EXPECT_EQ(front.asked()[0], (std::map<int, int>{{2, 0}, {3, -1}}));
+    CTulmQelcDisseminationField user = {5, 10};
+    ASSERT_EQ(client.api->ReqSubscribeTopic(&user, 2), 0);
+    ASSERT_TRUE(wait_until([&] { return client.spi.count(2) == 30 && client.spi.count(5) == 40; }));
+    front.publish(3, 5);
+    front.publish(2, 5);
+    ASSERT_TRUE(wait_until([&] { return client.spi.count(2) == 35 && client.spi.count(3) == 5; }))
+        << client.spi.count(2) << " " << client.spi.count(3) << " " << client.spi.count(5) << " first public "
+        << client.spi.numbers(3).front() << " last " << client.spi.numbers(3).back();
+    front.drop();
+    ASSERT_TRUE(client.login());
+    ASSERT_EQ(front.asked().size(), 2u);
+    EXPECT_EQ(front.asked()[1], (std::map<int, int>{{2, 35}, {3, 45}, {5, 50}}));
+    EXPECT_EQ(front.login_days()[1], "20260105");
+    front.publish(5, 1);
+    ASSERT_TRUE(wait_until([&] { return client.spi.count(5) == 41; }));
+    EXPECT_TRUE(client.spi.numbers(5) == range(11, 51));
+    EXPECT_TRUE(client.spi.numbers(3) == range(41, 45));
+    EXPECT_TRUE(client.spi.numbers(2) == range(1, 35));
+}
+
+// Yesterday's trade.con: the login carries yesterday's day and positions,
+// the front answers with the new day's, the topic replays from its start,
+// and the file then holds the new day.
+TEST(ResumeWire, ANewTradingDayReplaysTheNewDaysTopicInFull) {
+    TempDir dir;
+    dir.write(full_file(20260104, 3, 500, 0, 0));
+    TopicFront front;
+    front.publish(2, 25);
+    {
+        Client client(dir, front, TE_RESUME_FROM_SAVED);
+        EXPECT_STREQ(client.api->GetTradingDay(), "20260104");
+        ASSERT_TRUE(client.login());
+        EXPECT_EQ(front.login_days()[0], "20260104");
+        EXPECT_EQ(front.asked()[0], (std::map<int, int>{{2, 500}}));
+        ASSERT_TRUE(wait_until([&] { return client.spi.count(2) == 25; }));
+        EXPECT_TRUE(client.spi.numbers(2) == range(1, 25));
+        EXPECT_STREQ(client.api->GetTradingDay(), "20260105");
+    }
+    // The login reply gave the data centre (0) along with the day.
+    EXPECT_EQ(dir.read(), "20260105,  0\n    2,        25\n");
 }
 
 }  // namespace

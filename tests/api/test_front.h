@@ -132,6 +132,9 @@ public:
     std::atomic<bool> answer_keys{true};
     std::atomic<bool> answer_login{true};
     std::atomic<bool> answer_requests{false};  // an RspError for each request
+    std::atomic<bool> keep_frames{true};       // off: only count request frames, for long runs
+    std::atomic<uint64_t> arrivals{0};         // request frames (subject 1) so far
+    std::atomic<uint64_t> last_arrival{0};     // clock of the latest one
     Limits limits;  // set before the login
     char max_order_local_id[13] = "";
     char participant_id[11] = "P1";
@@ -186,7 +189,12 @@ protected:
         Network::QelcPacket::from_stream(&frame.header, data + 6);
         frame.subject = frame.header.Subject;
         frame.bytes.assign(data, size);
-        {
+        if (frame.subject == 1) {
+            // Release: a thread that sees the count sees the clock.
+            last_arrival.store(frame.clock, std::memory_order_relaxed);
+            arrivals.fetch_add(1, std::memory_order_release);
+        }
+        if (keep_frames.load(std::memory_order_relaxed)) {
             std::lock_guard<std::mutex> lock(mutex);
             received.push_back(frame);
         }
@@ -255,18 +263,31 @@ protected:
     std::vector<Frame> received;
 };
 
-// A port on 127.0.0.1 where nothing listens: connects are refused.
-inline int refusing_port() {
-    int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a));
-    socklen_t n = sizeof(a);
-    getsockname(fd, reinterpret_cast<sockaddr*>(&a), &n);
-    ::close(fd);
-    return ntohs(a.sin_port);
-}
+// A port on 127.0.0.1 that refuses connections for as long as the object
+// lives: bound but not listening, so neither a listener of another test
+// nor a connect's own source port (a self-connection) can take it.
+class RefusingPort {
+public:
+    RefusingPort() {
+        fd = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a));
+        socklen_t n = sizeof(a);
+        getsockname(fd, reinterpret_cast<sockaddr*>(&a), &n);
+        port = ntohs(a.sin_port);
+    }
+    ~RefusingPort() { release(); }
+    // Frees the port, for a listener to take it at once.
+    void release() {
+        if (fd >= 0) ::close(fd);
+        fd = -1;
+    }
+    std::string address() const { return "tcp://127.0.0.1:" + std::to_string(port); }
+    int fd;
+    int port;
+};
 
 // A listener that takes connections into its backlog and never answers:
 // a silent name server.

@@ -234,17 +234,18 @@ TEST(TradeApiStart, NoAddressNeverConnectsAndASecondInitChangesNothing) {
 // trader finds it by itself. Entries without a port are skipped, and a
 // host name resolves.
 TEST(TradeApiStart, RefusingFrontsThenOneComesUp) {
-    int late_port = test_front::refusing_port();
+    test_front::RefusingPort refusing, late;
     auto* api = static_cast<Api::TradeApi*>(CTulmQelcTraderApi::CreateQelcTraderApi(temp_dir().c_str()));
     Spy spy;
     api->RegisterSpi(&spy);
-    ASSERT_EQ(api->RegisterFront(("tcp://127.0.0.1:" + std::to_string(test_front::refusing_port())).c_str()), 0);
+    ASSERT_EQ(api->RegisterFront(refusing.address().c_str()), 0);
     ASSERT_EQ(api->RegisterFront("tcp://127.0.0.1"), 0);
-    ASSERT_EQ(api->RegisterFront(("tcp://localhost:" + std::to_string(late_port)).c_str()), 0);
+    ASSERT_EQ(api->RegisterFront(("tcp://localhost:" + std::to_string(late.port)).c_str()), 0);
     ASSERT_EQ(api->Init(), 0);
     Base::Measure::sleep(300);
+    late.release();
     {
-        test_front::Front front(late_port);
+        test_front::Front front(late.port);
         ASSERT_TRUE(front.is_open());
         EXPECT_TRUE(wait_until([&] { return front.connections() > 0; }));
         EXPECT_EQ(api->Release(), 0);
@@ -255,6 +256,7 @@ TEST(TradeApiStart, RefusingFrontsThenOneComesUp) {
 
 TEST(TradeApiStart, SilentNameServerAndRefusingFrontsDoNoHarm) {
     test_front::SilentServer silent;
+    test_front::RefusingPort refusing[3];
     for (bool name_server : {true, false}) {
         SCOPED_TRACE(name_server ? "silent name server" : "refusing fronts");
         auto* api = static_cast<Api::TradeApi*>(CTulmQelcTraderApi::CreateQelcTraderApi(temp_dir().c_str()));
@@ -263,8 +265,7 @@ TEST(TradeApiStart, SilentNameServerAndRefusingFrontsDoNoHarm) {
         if (name_server) {
             ASSERT_EQ(api->RegisterNameServer(silent.address().c_str()), 0);
         } else {
-            for (int i = 0; i < 3; ++i)
-                ASSERT_EQ(api->RegisterFront(("tcp://127.0.0.1:" + std::to_string(test_front::refusing_port())).c_str()), 0);
+            for (const test_front::RefusingPort& port : refusing) ASSERT_EQ(api->RegisterFront(port.address().c_str()), 0);
         }
         ASSERT_EQ(api->Init(), 0);
         Base::Measure::sleep(1500);

@@ -247,7 +247,7 @@ public:
     unsigned long session_key = 0;
 
 private:
-    Cipher::Sm2 keys;
+    Cipher::Sm2 keys{true};  // masked with the public key, as a trader's are
     char key_text[301] = {};
     Network::QelcFlow* control;
     Network::QelcFlow* requests;

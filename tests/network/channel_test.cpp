@@ -143,52 +143,20 @@ TEST(QelcClientChannel, RoutesByFallbackSubjects) {
     delete flow2;
 }
 
-// Each fault in a peer's bytes ends the connection with its own reason.
-TEST(QelcClientChannel, PeerFaultsCloseWithTheirReasons) {
+// Each fault in a peer's bytes ends the connection with its own reason; one
+// test per reason, so that a fault of one check shows as its own failure.
+struct Fault {
+    const char* name;
+    std::string bytes;
+};
+
+// Sends a good frame and then each fault on a fresh connection subscribed
+// to subjects 3 and 6 (6 refuses odd sequence numbers): the connection
+// closes with reason alone, and the good frame is kept.
+void expect_faults_close_with(int reason, const std::vector<Fault>& faults) {
     Reactor reactor;
-    struct Case {
-        const char* name;
-        std::string bytes;
-        int reason;
-    };
-    std::string bad_version = data_frame(3, 1, 10, 1);
-    bad_version[4] = 2;
-    std::string bad_method = data_frame(3, 1, 10, 1);
-    bad_method[5] = 1;
-    std::string bad_type = data_frame(3, 1, 10, 1);
-    bad_type[0] = 3;
-    std::string bad_ext = data_frame(3, 1, 10, 1);
-    bad_ext[1] = 1;
-    std::string body_mismatch = data_frame(3, 1, 10, 1);
-    Base::put_be16(&body_mismatch[20], 11);
-    std::string short_plain("\x02\x00\x00\x04\x01\x00\x00\x00", 8);
-    std::string huge("\x02\x00\x20\x00\x01\x00", 6);
-    std::string tiny("\x02\x00\x00\x01\x01\x00", 6);
-    std::string packed = compress_frame(data_frame(3, 1, 40, 1));
-    packed[packed.size() - 1] = '\x01';
-    packed += std::string(3, '\x01');
-    Base::put_be16(&packed[2], static_cast<uint16_t>(packed.size() - 4));
-    std::string lone_escape("\x02\x00\x00\x03\x01\x03\xe0", 7);
-    Case cases[] = {
-        {"control ExtLength 1", std::string("\x00\x01\x00\x00\x00\x00", 6), -12},
-        {"control Type 5", std::string("\x05\x02\x00\x00\x05\x00", 6), -12},
-        {"control ExtLength 128", std::string("\x00\x80\x00\x00\x00\x00", 6), -12},
-        {"data Type 3", bad_type, -12},
-        {"data ExtLength 1", bad_ext, -12},
-        {"Crp version 2", bad_version, -12},
-        {"Crp method 1", bad_method, -12},
-        {"length over 8194", huge, -19},
-        {"length 1", tiny, -19},
-        {"BodyLength mismatch", body_mismatch, -19},
-        {"plain frame too short for its header", short_plain, -19},
-        {"compressed size mismatch", packed, -19},
-        {"compressed lone escape", lone_escape, -19},
-        {"sequence gap", data_frame(3, 3, 10, 1), -17},
-        {"no subscription", data_frame(9, 1, 10, 1), -16},
-        {"filter refuses", data_frame(6, 1, 10, 1), -22},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const Fault& fault : faults) {
+        SCOPED_TRACE(fault.name);
         Link link(reactor.get());
         Network::QelcFlow* flow3 = make_flow(3);
         Network::QelcFlow* flow6 = make_flow(6);
@@ -197,9 +165,8 @@ TEST(QelcClientChannel, PeerFaultsCloseWithTheirReasons) {
             link.session->subscribe(flow6, refuse_odd, 0, false);
         };
         ASSERT_TRUE(link.open());
-        // A good frame first: it is kept, and announced, before the fault.
-        link.server.send(data_frame(3, 1, 5, 9) + c.bytes);
-        link.expect_reason(c.reason);
+        link.server.send(data_frame(3, 1, 5, 9) + fault.bytes);
+        link.expect_reason(reason);
         EXPECT_EQ(flow3->get_count(), 1u);
         bool valid = true;
         run_on(reactor.get(), [&] { valid = link.channel()->is_valid(); });
@@ -207,13 +174,61 @@ TEST(QelcClientChannel, PeerFaultsCloseWithTheirReasons) {
         delete flow3;
         delete flow6;
     }
-    {
-        SCOPED_TRACE("peer closes");
-        Link link(reactor.get());
-        ASSERT_TRUE(link.open());
-        link.server.shutdown_write();
-        link.expect_reason(-11);
-    }
+}
+
+std::string changed(std::string frame, size_t at, char value) {
+    frame[at] = value;
+    return frame;
+}
+
+TEST(QelcClientChannel, MalformedHeadersCloseWithReadFailed) {
+    std::string good = data_frame(3, 1, 10, 1);
+    expect_faults_close_with(Network::REASON_READ_FAILED,
+                             {{"control ExtLength 1", std::string("\x00\x01\x00\x00\x00\x00", 6)},
+                              {"control Type 5", std::string("\x05\x02\x00\x00\x05\x00", 6)},
+                              {"control ExtLength 128", std::string("\x00\x80\x00\x00\x00\x00", 6)},
+                              {"data Type 3", changed(good, 0, 3)},
+                              {"data ExtLength 1", changed(good, 1, 1)},
+                              {"Crp version 2", changed(good, 4, 2)},
+                              {"Crp method 1", changed(good, 5, 1)}});
+}
+
+TEST(QelcClientChannel, BadLengthsCloseWithLength) {
+    std::string body_mismatch = data_frame(3, 1, 10, 1);
+    Base::put_be16(&body_mismatch[20], 11);
+    std::string packed = compress_frame(data_frame(3, 1, 40, 1));
+    packed[packed.size() - 1] = '\x01';
+    packed += std::string(3, '\x01');
+    Base::put_be16(&packed[2], static_cast<uint16_t>(packed.size() - 4));
+    expect_faults_close_with(Network::REASON_LENGTH,
+                             {{"length over 8194", std::string("\x02\x00\x20\x00\x01\x00", 6)},
+                              {"length 1", std::string("\x02\x00\x00\x01\x01\x00", 6)},
+                              {"BodyLength mismatch", body_mismatch},
+                              {"plain frame too short for its header",
+                               std::string("\x02\x00\x00\x04\x01\x00\x00\x00", 8)},
+                              {"compressed size mismatch", packed},
+                              {"compressed lone escape", std::string("\x02\x00\x00\x03\x01\x03\xe0", 7)}});
+}
+
+TEST(QelcClientChannel, SequenceGapClosesWithSequence) {
+    expect_faults_close_with(Network::REASON_SEQUENCE,
+                             {{"gap", data_frame(3, 3, 10, 1)}, {"repeat", data_frame(3, 1, 10, 2)}});
+}
+
+TEST(QelcClientChannel, UnsubscribedSubjectClosesWithNoSubscription) {
+    expect_faults_close_with(Network::REASON_NO_SUBSCRIPTION, {{"subject 9", data_frame(9, 1, 10, 1)}});
+}
+
+TEST(QelcClientChannel, RefusedFrameClosesWithFilter) {
+    expect_faults_close_with(Network::REASON_FILTER, {{"odd sequence", data_frame(6, 1, 10, 1)}});
+}
+
+TEST(QelcClientChannel, PeerCloseClosesWithPeerClosed) {
+    Reactor reactor;
+    Link link(reactor.get());
+    ASSERT_TRUE(link.open());
+    link.server.shutdown_write();
+    link.expect_reason(Network::REASON_PEER_CLOSED);
 }
 
 // A tag-7 frame sets the heartbeat timeout; the session takes it over,

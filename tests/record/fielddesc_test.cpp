@@ -39,17 +39,6 @@ void describe_static_sample() { describe_sample(*g_sample); }
 
 }  // namespace
 
-TEST(DataType, Tables) {
-    EXPECT_STREQ(B::DATA_TYPE_NAMES[B::DT_NULL], "NULL");
-    EXPECT_STREQ(B::DATA_TYPE_NAMES[B::DT_FIXEDPOINT8], "FIXEDPOINT8");
-    EXPECT_STREQ(B::DATA_TYPE_NAMES[B::DT_POINTER], "POINTER");
-    EXPECT_EQ(B::DATA_TYPE_SIZES[B::DT_BOOL], 1);
-    EXPECT_EQ(B::DATA_TYPE_SIZES[B::DT_STRING], 0);
-    EXPECT_EQ(B::DATA_TYPE_SIZES[B::DT_VINT32], 4);
-    EXPECT_EQ(B::FIXED_POINT_POWER[9], 1000000000);
-    EXPECT_EQ(B::FIXED_POINT_INVERSE[3], 0.001);
-}
-
 TEST(FieldDesc, BuildingAndLookup) {
     FieldDesc d(42, "SampleField");
     describe_sample(d);
