@@ -768,6 +768,9 @@ TEST(LoginWire, AWrongAuthCodeIsRefusedAndLoginWaitsForIt) {
     Base::str_ncpy(40, login.UserProductInfo, "wire tests");
     EXPECT_EQ(api->ReqUserLogin(&login, 3), -7);  // authentication asked for and failed
     EXPECT_EQ(api->Release(), 0);
+    // No reactor thread is left to swap a response log: refused, not hung.
+    std::string path = wire_dir() + "late.log";
+    EXPECT_EQ(api->OpenResponseLog(path.c_str()), -4);
     EXPECT_EQ(api->Join(), 0);
 }
 
