@@ -3,8 +3,14 @@
 // authentication and login packets byte by byte, and the replies' effect on
 // the session state.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <cstdint>
+#include <fstream>
+#include <mutex>
+#include <sstream>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -18,6 +24,7 @@
 #include "cipher/sm3.h"
 #include "containers/map.h"
 #include "tests/api/login_probe.h"
+#include "tests/api/test_front.h"
 
 using Api::LoginProbe;
 using Api::ReplyPacket;
@@ -544,6 +551,253 @@ TEST_F(Login, ANullSpiStillLogsIn) {
     reply.add(info_of(0)).add(limits_of(1, 2, 3, 4)).add(login_reply_record("20250106", "u"));
     LoginProbe::login_reply(api, reply.commit(), nullptr);
     EXPECT_TRUE(LoginProbe::logged_in(api));
+}
+
+// ---- through the wire: the trader started by Init against a test front ----
+
+// A front that answers the key request with a chosen key form and then
+// enciphers the connection as that form says, and that checks the
+// authentication's cipher text against its crypt value.
+class KeyFront : public test_front::Front {
+public:
+    enum Form { CLEAR, MASKED, SEALED, REFUSED, GARBLED };
+    static const int CRYPT_VALUE = 86420;
+
+    explicit KeyFront(Form form) : form(form) { answer_keys = false; }
+    // The server goes while this object is whole: its last calls into the
+    // front, virtual ones among them, end before the destructors run on.
+    ~KeyFront() {
+        run([&] {
+            delete server;
+            server = nullptr;
+        });
+    }
+
+    std::atomic<int> key_requests{0};
+    std::atomic<int> ciphered{0};  // connections switched to a cipher
+
+protected:
+    void on_frame(Link* link, const char* data, unsigned short size) override {
+        Front::on_frame(link, data, size);
+        if (link != links.back().get()) return;
+        Network::QelcPacket::Header header;
+        Network::QelcPacket::from_stream(&header, data + 6);
+        if (header.PacketId == test_front::KEY_REQUEST) answer_key(link, header, data + 26);
+        if (header.PacketId == 24746) answer_authenticate(header, data + 26);
+    }
+
+private:
+    void answer_key(Link* link, const Network::QelcPacket::Header& header, const char* body) {
+        key_requests.fetch_add(1);
+        Network::QelcPacket::Iterator records(&header, body);
+        QelUserapiSessionAuthInfoField client_key;
+        std::memset(&client_key, 0, sizeof(client_key));
+        while (records.next() != Network::QelcPacket::END)
+            if (records.get_field_id() == 32791) records.get_field(&client_key, &QelUserapiSessionAuthInfoField::DESC, false);
+        client_key.EncryptUserApiInfo[300] = 0;
+        const uint64_t key = 0x1122334455667788ull + static_cast<uint64_t>(key_requests.load());
+        unsigned char type = 0;
+        std::string text = "0";
+        if (form == MASKED) {
+            type = 3;
+            text = masked_key_text(client_key.EncryptUserApiInfo, 'D', key);
+        } else if (form == SEALED) {
+            type = 4;
+            text = sealed_key_text(client_key.EncryptUserApiInfo, '4', &key, 8);
+        } else if (form == GARBLED) {
+            text = "4ABCDEF";
+        }
+        QelRspInfoField info = info_of(form == REFUSED ? 9 : 0, form == REFUSED ? "keys refused" : "");
+        QelUserapiInitAuthInfoField value = crypt_value_of(CRYPT_VALUE);
+        QelUserapiSessionAuthInfoField reply = key_text_of(text);
+        write_packet(1, test_front::KEY_REPLY, header.RequestId,
+                     {{&QelRspInfoField::DESC, &info, QelRspInfoField::to_stream},
+                      {&QelUserapiInitAuthInfoField::DESC, &value, QelUserapiInitAuthInfoField::to_stream},
+                      {&QelUserapiSessionAuthInfoField::DESC, &reply, QelUserapiSessionAuthInfoField::to_stream}},
+                     'L');
+        if (type == 0) return;
+        // The reply goes out in clear; all that follows is enciphered.
+        link->client->flush();
+        link->client->set_cipher(type, key);
+        ciphered.fetch_add(1);
+    }
+
+    void answer_authenticate(const Network::QelcPacket::Header& header, const char* body) {
+        Network::QelcPacket::Iterator records(&header, body);
+        QelProductAuthField auth;
+        std::memset(&auth, 0, sizeof(auth));
+        if (records.next() == 32790) records.get_field(&auth, &QelProductAuthField::DESC, false);
+        // The code this front knows for the application.
+        Cipher::Aes aes(reinterpret_cast<const unsigned char*>("code-of-the-app\0"), 16);
+        unsigned char plain[16];
+        int length = 0;
+        bool good = aes.decode_cbc(plain, length, reinterpret_cast<const unsigned char*>(auth.AuthCode), 16, true,
+                                   nullptr, 16) &&
+                    std::string(reinterpret_cast<char*>(plain), static_cast<size_t>(length)) ==
+                        std::to_string(CRYPT_VALUE);
+        QelRspInfoField info = info_of(good ? 0 : 63, good ? "" : "bad code");
+        write_packet(1, 24747, header.RequestId,
+                     {{&QelRspInfoField::DESC, &info, QelRspInfoField::to_stream},
+                      {&QelProductAuthField::DESC, &auth, QelProductAuthField::to_stream}},
+                     'L');
+    }
+
+    Form form;
+};
+
+class WireSpi : public CTulmQelcTraderSpi {
+public:
+    void OnFrontConnected() override { connected.fetch_add(1); }
+    void OnFrontDisconnected(int reason) override {
+        std::lock_guard<std::mutex> lock(mutex);
+        disconnects.push_back(reason);
+    }
+    void OnRspError(CTulmQelcRspInfoField* info, int, bool) override {
+        std::lock_guard<std::mutex> lock(mutex);
+        errors.push_back(info->ErrorID);
+    }
+    void OnRspAuthenticate(CTulmQelcProductAuthField*, CTulmQelcRspInfoField* info, int, bool) override {
+        (info->ErrorID == 0 ? auth_good : auth_bad).fetch_add(1);
+    }
+    void OnRspUserLogin(CTulmQelcRspUserLoginField*, CTulmQelcRspInfoField* info, int, bool) override {
+        if (info->ErrorID == 0) logins.fetch_add(1);
+    }
+    std::vector<int> get_disconnects() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return disconnects;
+    }
+    std::vector<int> get_errors() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return errors;
+    }
+    std::atomic<int> connected{0}, auth_good{0}, auth_bad{0}, logins{0};
+
+private:
+    std::mutex mutex;
+    std::vector<int> disconnects, errors;
+};
+
+std::string wire_dir() {
+    static std::atomic<int> serial{0};
+    std::string dir = ::testing::TempDir() + "login_" + std::to_string(getpid()) + "_" + std::to_string(serial.fetch_add(1));
+    mkdir(dir.c_str(), 0700);
+    return dir + "/";
+}
+
+std::string read_text(const std::string& path) {
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+// Connects, authenticates (with code) and logs in over a front of form;
+// true when the login reply came back good.
+bool log_in_over(KeyFront& front, WireSpi& spi, Api::TradeApi* api, const char* code) {
+    if (!test_front::wait_until([&] { return spi.connected.load() > 0; })) return false;
+    CTulmQelcProductAuthField auth;
+    std::memset(&auth, 0, sizeof(auth));
+    Base::str_ncpy(40, auth.AppID, "wire_app");
+    Base::str_ncpy(16, auth.AuthCode, code);
+    if (api->ReqAuthenticate(&auth, 1) != 0) return false;
+    if (!test_front::wait_until([&] { return spi.auth_good.load() + spi.auth_bad.load() > 0; })) return false;
+    if (spi.auth_bad.load() > 0) return false;
+    CTulmQelcReqUserLoginField login;
+    std::memset(&login, 0, sizeof(login));
+    Base::str_ncpy(15, login.UserID, "U1");
+    Base::str_ncpy(10, login.ParticipantID, "P1");
+    Base::str_ncpy(40, login.Password, "wire-secret");
+    Base::str_ncpy(40, login.UserProductInfo, "wire tests");
+    if (api->ReqUserLogin(&login, 2) != 0) return false;
+    return test_front::wait_until([&] { return spi.logins.load() > 0; });
+}
+
+TEST(LoginWire, EachKeyFormCarriesTheLoginUnderItsCipher) {
+    for (KeyFront::Form form : {KeyFront::CLEAR, KeyFront::MASKED, KeyFront::SEALED}) {
+        SCOPED_TRACE(form);
+        KeyFront front(form);
+        WireSpi spi;
+        std::string dir = wire_dir();
+        auto* api = static_cast<Api::TradeApi*>(CTulmQelcTraderApi::CreateQelcTraderApi(dir.c_str()));
+        api->RegisterSpi(&spi);
+        ASSERT_EQ(api->RegisterFront(front.address().c_str()), 0);
+        ASSERT_EQ(api->Init(), 0);
+        // Swapped in by the reactor thread while the trader runs.
+        ASSERT_EQ(api->OpenResponseLog((dir + "response.log").c_str()), 0);
+        EXPECT_TRUE(log_in_over(front, spi, api, "code-of-the-app"));
+        EXPECT_EQ(front.ciphered.load(), form == KeyFront::CLEAR ? 0 : 1);
+        EXPECT_EQ(front.connections(), 1);  // nothing garbled, nothing closed
+
+        // What arrived, deciphered by the front: the login with the topics'
+        // day, the token and, authenticated, the terminal information.
+        std::vector<test_front::Frame> logins = front.packets(test_front::LOGIN_REQUEST);
+        ASSERT_EQ(logins.size(), 1u);
+        Network::QelcPacket::Iterator records(&logins[0].header, logins[0].bytes.data() + 26);
+        std::vector<unsigned short> ids;
+        QelReqUserLoginField login;
+        std::memset(&login, 0, sizeof(login));
+        for (unsigned short id = records.next(); id != Network::QelcPacket::END; id = records.next()) {
+            ids.push_back(id);
+            if (id == 10) records.get_field(&login, &QelReqUserLoginField::DESC, false);
+        }
+        EXPECT_EQ(ids, (std::vector<unsigned short>{10, 32776, 32789}));
+        EXPECT_STREQ(login.UserID, "U1");
+        EXPECT_STREQ(login.Password, "wire-secret");
+        EXPECT_EQ(std::string(login.ProtocolInfo, 7), std::string("QELC 4\0", 7));
+        EXPECT_TRUE(spi.get_disconnects().empty());
+        std::string log = read_text(dir + "response.log");
+        EXPECT_NE(log.find(",OnRspAuthenticate,0,,AppID=\"wire_app\" AuthCode=\"\"\n"), std::string::npos) << log;
+        EXPECT_NE(log.find(",OnRspUserLogin,0,,TradingDay=\"20260105\""), std::string::npos) << log;
+        EXPECT_EQ(log.find("secret"), std::string::npos);
+        EXPECT_EQ(api->Release(), 0);
+        EXPECT_EQ(api->Join(), 0);
+    }
+}
+
+TEST(LoginWire, AWrongAuthCodeIsRefusedAndLoginWaitsForIt) {
+    KeyFront front(KeyFront::MASKED);
+    WireSpi spi;
+    auto* api = static_cast<Api::TradeApi*>(CTulmQelcTraderApi::CreateQelcTraderApi(wire_dir().c_str()));
+    api->RegisterSpi(&spi);
+    ASSERT_EQ(api->RegisterFront(front.address().c_str()), 0);
+    ASSERT_EQ(api->Init(), 0);
+    EXPECT_FALSE(log_in_over(front, spi, api, "not-the-code"));
+    EXPECT_EQ(spi.auth_bad.load(), 1);
+    CTulmQelcReqUserLoginField login;
+    std::memset(&login, 0, sizeof(login));
+    Base::str_ncpy(40, login.UserProductInfo, "wire tests");
+    EXPECT_EQ(api->ReqUserLogin(&login, 3), -7);  // authentication asked for and failed
+    EXPECT_EQ(api->Release(), 0);
+    // No reactor thread is left to swap a response log: refused, not hung.
+    std::string path = wire_dir() + "late.log";
+    EXPECT_EQ(api->OpenResponseLog(path.c_str()), -4);
+    EXPECT_EQ(api->Join(), 0);
+}
+
+TEST(LoginWire, BadCryptRepliesCloseTheConnectionAndKeysAreExchangedAnew) {
+    for (KeyFront::Form form : {KeyFront::REFUSED, KeyFront::GARBLED}) {
+        SCOPED_TRACE(form);
+        KeyFront front(form);
+        WireSpi spi;
+        auto* api = static_cast<Api::TradeApi*>(CTulmQelcTraderApi::CreateQelcTraderApi(wire_dir().c_str()));
+        api->RegisterSpi(&spi);
+        ASSERT_EQ(api->RegisterFront(front.address().c_str()), 0);
+        ASSERT_EQ(api->Init(), 0);
+        // Each connection asks for keys afresh and is closed on the reply.
+        ASSERT_TRUE(test_front::wait_until([&] { return spi.get_disconnects().size() >= 2; }));
+        EXPECT_GE(front.key_requests.load(), 2);
+        for (int reason : spi.get_disconnects()) EXPECT_EQ(reason, 0x2003);
+        std::vector<int> errors = spi.get_errors();
+        if (form == KeyFront::REFUSED) {
+            ASSERT_GE(errors.size(), 2u);
+            EXPECT_EQ(errors[0], 9);
+        } else {
+            EXPECT_TRUE(errors.empty());
+        }
+        EXPECT_EQ(spi.logins.load(), 0);
+        EXPECT_EQ(api->Release(), 0);
+        EXPECT_EQ(api->Join(), 0);
+    }
 }
 
 }  // namespace
