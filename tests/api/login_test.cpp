@@ -564,14 +564,7 @@ public:
     static const int CRYPT_VALUE = 86420;
 
     explicit KeyFront(Form form) : form(form) { answer_keys = false; }
-    // The server goes while this object is whole: its last calls into the
-    // front, virtual ones among them, end before the destructors run on.
-    ~KeyFront() {
-        run([&] {
-            delete server;
-            server = nullptr;
-        });
-    }
+    ~KeyFront() { stop(); }
 
     std::atomic<int> key_requests{0};
     std::atomic<int> ciphered{0};  // connections switched to a cipher
