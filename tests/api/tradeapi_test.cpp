@@ -28,7 +28,6 @@ std::string temp_dir() {
     return dir + "/";
 }
 
-// Threads of this process now.
 // Threads of this process now. A thread is made and joined first, so that
 // a sanitizer's helper thread, which starts with the first one made, is
 // already counted in a baseline.
