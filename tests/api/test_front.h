@@ -15,6 +15,9 @@
 #pragma once
 
 #include <arpa/inet.h>
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -25,6 +28,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "base/measure.h"
@@ -40,6 +44,28 @@
 namespace test_front {
 
 using test_reactor::wait_until;
+
+// A fresh directory for a trader's trade.con.
+inline std::string temp_dir(const char* prefix = "trader_") {
+    static std::atomic<int> serial{0};
+    std::string dir = ::testing::TempDir() + prefix + std::to_string(getpid()) + "_" +
+                      std::to_string(serial.fetch_add(1));
+    mkdir(dir.c_str(), 0700);
+    return dir + "/";
+}
+
+// Threads of this process now. A thread is made and joined first, so that
+// a sanitizer's helper thread, which starts with the first one made, is
+// already counted in a baseline.
+inline int thread_count() {
+    std::thread([] {}).join();
+    int count = 0;
+    DIR* dir = opendir("/proc/self/task");
+    while (dirent* entry = readdir(dir))
+        if (entry->d_name[0] != '.') ++count;
+    closedir(dir);
+    return count;
+}
 
 enum : unsigned int {
     KEY_REQUEST = 24721,

@@ -19,27 +19,8 @@ namespace {
 
 using test_front::wait_until;
 
-// A fresh directory for trade.con.
-std::string temp_dir() {
-    static std::atomic<int> serial{0};
-    std::string dir = ::testing::TempDir() + "tradeapi_" + std::to_string(getpid()) + "_" +
-                      std::to_string(serial.fetch_add(1));
-    mkdir(dir.c_str(), 0700);
-    return dir + "/";
-}
-
-// Threads of this process now. A thread is made and joined first, so that
-// a sanitizer's helper thread, which starts with the first one made, is
-// already counted in a baseline.
-int thread_count() {
-    std::thread([] {}).join();
-    int count = 0;
-    DIR* dir = opendir("/proc/self/task");
-    while (dirent* entry = readdir(dir))
-        if (entry->d_name[0] != '.') ++count;
-    closedir(dir);
-    return count;
-}
+std::string temp_dir() { return test_front::temp_dir("tradeapi_"); }
+using test_front::thread_count;
 
 // Records the connection callbacks in order.
 class Spy : public CTulmQelcTraderSpi {

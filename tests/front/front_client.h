@@ -267,4 +267,23 @@ inline Front::Config quiet_config() {
     return c;
 }
 
+// A limit order in the wire record, as a test client sends it.
+inline QelInputOrderField order(const char* user, const char* local, char direction, double price,
+                                int volume, const char* instrument = "qe2612") {
+    QelInputOrderField o;
+    memset(&o, 0, sizeof(o));
+    strcpy(o.UserID, user);
+    strcpy(o.InstrumentID, instrument);
+    strcpy(o.OrderLocalID, local);
+    o.OrderPriceType = '2';
+    o.Direction = direction;
+    o.CombOffsetFlag[0] = '0';
+    o.CombHedgeFlag[0] = '1';
+    o.LimitPrice = price;
+    o.VolumeTotalOriginal = volume;
+    o.TimeCondition = '3';
+    o.VolumeCondition = '1';
+    return o;
+}
+
 }  // namespace fronttest

@@ -20,25 +20,6 @@ using namespace fronttest;
 
 namespace {
 
-QelInputOrderField order(const char* user, const char* local, char direction, double price, int volume,
-                         const char* instrument = "qe2612") {
-    QelInputOrderField o;
-    memset(&o, 0, sizeof(o));
-    strcpy(o.UserID, user);
-    strcpy(o.InstrumentID, instrument);
-    strcpy(o.OrderLocalID, local);
-    o.OrderPriceType = '2';
-    o.Direction = direction;
-    o.CombOffsetFlag[0] = '0';
-    o.CombHedgeFlag[0] = '1';
-    o.LimitPrice = price;
-    o.VolumeTotalOriginal = volume;
-    o.TimeCondition = '3';
-    o.VolumeCondition = '1';
-    o.StopPrice = 0;
-    return o;
-}
-
 // Orders and trades of a private topic, in the order they came.
 std::string returns(Client& c) {
     std::string out;
