@@ -9,6 +9,7 @@
 
 #include <cstring>
 #include <functional>
+#include <map>
 #include <set>
 #include <string>
 #include <thread>
@@ -502,6 +503,84 @@ TEST(Requests, ReleaseFromInsideACallbackAndJoinOutside) {
         EXPECT_EQ(trader.spy.errors.load(), 51);  // requests 0 to 50, none after
     }
     EXPECT_EQ(thread_count(), threads);
+}
+
+// A front that tells, connection by connection, whether a request came in
+// before that connection's key exchange and login.
+class OrderingFront : public test_front::Front {
+public:
+    ~OrderingFront() { stop(); }
+    std::atomic<int> early{0};     // requests before their connection's login
+    std::atomic<int> requests{0};
+    std::atomic<int> busy_links{0};  // connections that carried requests
+
+protected:
+    struct State {
+        bool keyed = false, logged = false, busy = false;
+    };
+    void on_frame(Link* link, const char* data, unsigned short size) override {
+        Network::QelcPacket::Header header;
+        Network::QelcPacket::from_stream(&header, data + 6);
+        State& state = states[link];  // reactor thread only
+        if (header.PacketId == test_front::KEY_REQUEST) {
+            state.keyed = true;
+        } else if (header.PacketId == test_front::LOGIN_REQUEST) {
+            state.logged = state.keyed;
+        } else if (header.Subject == 1) {
+            if (!state.logged) early.fetch_add(1);
+            if (!state.busy) busy_links.fetch_add(1);
+            state.busy = true;
+            requests.fetch_add(1);
+        }
+        Front::on_frame(link, data, size);
+    }
+    std::map<Link*, State> states;
+};
+
+// Threads send orders and queries without pause while the front drops the
+// connection again and again: nothing written for one connection goes out
+// on the next before its keys and its login.
+TEST(Requests, NoRequestOnAConnectionBeforeItsKeysAndLogin) {
+    OrderingFront front;
+    front.keep_frames = false;
+    Spy spy;
+    auto* api = static_cast<Api::TradeApi*>(CTulmQelcTraderApi::CreateQelcTraderApi(temp_dir().c_str()));
+    spy.on_connected = [&] {
+        CTulmQelcReqUserLoginField login = Trader::login_field();
+        api->ReqUserLogin(&login, 1);
+    };
+    api->RegisterSpi(&spy);
+    ASSERT_EQ(api->RegisterFront(front.address().c_str()), 0);
+    ASSERT_EQ(api->Init(), 0);
+
+    std::atomic<bool> stop{false};
+    std::atomic<int> local_id{0};
+    std::vector<std::thread> senders;
+    for (int t = 0; t < 3; ++t)
+        senders.emplace_back([&] {
+            while (!stop.load()) {
+                CTulmQelcInputOrderField order = {};
+                std::snprintf(order.OrderLocalID, sizeof(order.OrderLocalID), "%012d", ++local_id);
+                api->ReqOrderInsert(&order, 1);
+                CTulmQelcQryInstrumentField query = {};
+                api->ReqQryInstrument(&query, 2);
+            }
+        });
+    const int rounds = 3;
+    for (int round = 1; round <= rounds; ++round) {
+        ASSERT_TRUE(wait_until([&] { return spy.logins.load() >= round; }));
+        // Past the one-second login pacing, so the next connection logs in.
+        Base::Measure::sleep(1100);
+        front.drop();
+    }
+    EXPECT_TRUE(wait_until([&] { return spy.logins.load() > rounds; }));
+    stop = true;
+    for (std::thread& sender : senders) sender.join();
+    EXPECT_EQ(api->Release(), 0);
+    EXPECT_EQ(api->Join(), 0);
+    EXPECT_EQ(front.early.load(), 0);
+    EXPECT_GT(front.requests.load(), 0);
+    EXPECT_GE(front.busy_links.load(), rounds);
 }
 
 }  // namespace
