@@ -94,40 +94,44 @@ inline __m128i counter_block(Counter c, __m128i reverse) {
 
 }  // namespace
 
-void encode_blocks(const unsigned char* keys, int rounds, unsigned char* dst,
-                   const unsigned char* src, size_t blocks) {
+namespace {
+
+// Eight blocks in flight while there are eight, then one at a time.
+template <bool Decode>
+void crypt_blocks(const unsigned char* keys, int rounds, unsigned char* dst,
+                  const unsigned char* src, size_t blocks) {
     size_t i = 0;
     for (; i + WIDE <= blocks; i += WIDE) {
         __m128i b[WIDE];
 #pragma GCC unroll 8
         for (int j = 0; j < WIDE; ++j) b[j] = load(src + 16 * (i + j));
-        encode_n<WIDE>(keys, rounds, b);
+        if (Decode)
+            decode_n<WIDE>(keys, rounds, b);
+        else
+            encode_n<WIDE>(keys, rounds, b);
 #pragma GCC unroll 8
         for (int j = 0; j < WIDE; ++j) store(dst + 16 * (i + j), b[j]);
     }
     for (; i < blocks; ++i) {
         __m128i b[1] = {load(src + 16 * i)};
-        encode_n<1>(keys, rounds, b);
+        if (Decode)
+            decode_n<1>(keys, rounds, b);
+        else
+            encode_n<1>(keys, rounds, b);
         store(dst + 16 * i, b[0]);
     }
 }
 
+}  // namespace
+
+void encode_blocks(const unsigned char* keys, int rounds, unsigned char* dst,
+                   const unsigned char* src, size_t blocks) {
+    crypt_blocks<false>(keys, rounds, dst, src, blocks);
+}
+
 void decode_blocks(const unsigned char* keys, int rounds, unsigned char* dst,
                    const unsigned char* src, size_t blocks) {
-    size_t i = 0;
-    for (; i + WIDE <= blocks; i += WIDE) {
-        __m128i b[WIDE];
-#pragma GCC unroll 8
-        for (int j = 0; j < WIDE; ++j) b[j] = load(src + 16 * (i + j));
-        decode_n<WIDE>(keys, rounds, b);
-#pragma GCC unroll 8
-        for (int j = 0; j < WIDE; ++j) store(dst + 16 * (i + j), b[j]);
-    }
-    for (; i < blocks; ++i) {
-        __m128i b[1] = {load(src + 16 * i)};
-        decode_n<1>(keys, rounds, b);
-        store(dst + 16 * i, b[0]);
-    }
+    crypt_blocks<true>(keys, rounds, dst, src, blocks);
 }
 
 void encode_cbc(const unsigned char* keys, int rounds, unsigned char* chain, unsigned char* dst,
