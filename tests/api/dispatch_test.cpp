@@ -8,6 +8,7 @@
 #include <random>
 
 #include "tests/api/dispatch_helpers.h"
+#include "tests/support/data_file.h"
 
 using Api::TradeApi;
 using Api::TradeApiProbe;
@@ -28,58 +29,22 @@ struct Row {
 };
 
 // Every packet that ends in an application callback of its own.
-const Row ROWS[] = {
-    {4102, REPLY, 17, &QelInputOrderField::DESC, "OnRspOrderInsert"},
-    {4104, REPLY, 18, &QelOrderActionField::DESC, "OnRspOrderAction"},
-    {4106, REPLY, 33, &QelInputQuoteField::DESC, "OnRspQuoteInsert"},
-    {4108, REPLY, 34, &QelQuoteActionField::DESC, "OnRspQuoteAction"},
-    {4114, REPLY, 35, &QelInputExecOrderField::DESC, "OnRspExecOrderInsert"},
-    {4116, REPLY, 36, &QelExecOrderActionField::DESC, "OnRspExecOrderAction"},
-    {4122, REPLY, 37, &QelInputAbandonExecOrderField::DESC, "OnRspAbandonExecOrderInsert"},
-    {4124, REPLY, 38, &QelAbandonExecOrderActionField::DESC, "OnRspAbandonExecOrderAction"},
-    {4126, REPLY, 32774, &QelQuoteDemandInfoField::DESC, "OnRspQuoteDemand"},
-    {7938, REPLY, 1, &QelDisseminationField::DESC, "OnRspSubscribeTopic"},
-    {16386, QUERY, 12545, &QelRspPartAccountField::DESC, "OnRspQryPartAccount"},
-    {16388, QUERY, 9480, &QelOrderField::DESC, "OnRspQryOrder"},
-    {16390, QUERY, 9478, &QelQuoteField::DESC, "OnRspQryQuote"},
-    {16392, QUERY, 9479, &QelTradeField::DESC, "OnRspQryTrade"},
-    {16394, QUERY, 12553, &QelRspClientField::DESC, "OnRspQryClient"},
-    {16396, QUERY, 12546, &QelRspPartPositionField::DESC, "OnRspQryPartPosition"},
-    {16398, QUERY, 12547, &QelRspClientPositionField::DESC, "OnRspQryClientPosition"},
-    {16400, QUERY, 12548, &QelRspInstrumentField::DESC, "OnRspQryInstrument"},
-    {16402, QUERY, 9987, &QelInstrumentStatusField::DESC, "OnRspQryInstrumentStatus"},
-    {16406, QUERY, 9220, &QelHedgeVolumeField::DESC, "OnRspQryHedgeVolume"},
-    {16417, QUERY, 9481, &QelExecOrderField::DESC, "OnRspQryExecOrder"},
-    {16419, QUERY, 9483, &QelAbandonExecOrderField::DESC, "OnRspQryAbandonExecOrder"},
-    {16642, QUERY, 9223, &QelMarketDataField::DESC, "OnRspQryMarketData"},
-    {16644, QUERY, 9735, &QelBulletinField::DESC, "OnRspQryBulletin"},
-    {16898, QUERY, 1, &QelDisseminationField::DESC, "OnRspQryTopic"},
-    {20481, RETURN, 9479, &QelTradeField::DESC, "OnRtnTrade"},
-    {20482, RETURN, 9480, &QelOrderField::DESC, "OnRtnOrder"},
-    {20483, RETURN, 9481, &QelExecOrderField::DESC, "OnRtnExecOrder"},
-    {20484, RETURN, 9478, &QelQuoteField::DESC, "OnRtnQuote"},
-    {20486, RETURN, 9483, &QelAbandonExecOrderField::DESC, "OnRtnAbandonExecOrder"},
-    {20497, RETURN, 9987, &QelInstrumentStatusField::DESC, "OnRtnInstrumentStatus"},
-    {20737, RETURN, 8451, &QelInstrumentField::DESC, "OnRtnInsInstrument"},
-    {20993, RETURN, 12801, &QelFlowMessageCancelField::DESC, "OnRtnFlowMessageCancel"},
-    {22529, RETURN, 9735, &QelBulletinField::DESC, "OnRtnBulletin"},
-    {24705, ERROR_RETURN, 17, &QelInputOrderField::DESC, "OnErrRtnOrderInsert"},
-    {24706, ERROR_RETURN, 18, &QelOrderActionField::DESC, "OnErrRtnOrderAction"},
-    {24707, ERROR_RETURN, 33, &QelInputQuoteField::DESC, "OnErrRtnQuoteInsert"},
-    {24708, ERROR_RETURN, 34, &QelQuoteActionField::DESC, "OnErrRtnQuoteAction"},
-    {24709, ERROR_RETURN, 35, &QelInputExecOrderField::DESC, "OnErrRtnExecOrderInsert"},
-    {24710, ERROR_RETURN, 36, &QelExecOrderActionField::DESC, "OnErrRtnExecOrderAction"},
-    {24714, QUERY, 12555, &QelRspExchangeRateField::DESC, "OnRspQryExchangeRate"},
-    {24716, ERROR_RETURN, 37, &QelInputAbandonExecOrderField::DESC, "OnErrRtnAbandonExecOrderInsert"},
-    {24717, ERROR_RETURN, 38, &QelAbandonExecOrderActionField::DESC, "OnErrRtnAbandonExecOrderAction"},
-    {24718, RETURN, 32775, &QelQuoteDemandNotifyField::DESC, "OnRtnQuoteDemandNotify"},
-    {24738, REPLY, 32784, &QelInputOptionSelfCloseField::DESC, "OnRspOptionSelfCloseUpdate"},
-    {24739, ERROR_RETURN, 32784, &QelInputOptionSelfCloseField::DESC, "OnErrRtnOptionSelfCloseUpdate"},
-    {24740, RETURN, 32785, &QelOptionSelfCloseField::DESC, "OnRtnOptionSelfCloseUpdate"},
-    {24742, REPLY, 32786, &QelOptionSelfCloseActionField::DESC, "OnRspOptionSelfCloseAction"},
-    {24743, ERROR_RETURN, 32786, &QelOptionSelfCloseActionField::DESC, "OnErrRtnOptionSelfCloseAction"},
-    {24745, QUERY, 32785, &QelOptionSelfCloseField::DESC, "OnRspQryOptionSelfClose"},
-};
+std::vector<Row> rows() {
+    std::vector<Row> out;
+    for (const auto& f : test_data::rows("api/data/dispatch.txt")) {
+        const std::string kind = f[1];
+        const auto id = static_cast<unsigned short>(test_data::number(f[2]));
+        out.push_back({static_cast<unsigned int>(test_data::number(f[0])),
+                       kind == "reply" ? REPLY : kind == "query" ? QUERY : kind == "return" ? RETURN : ERROR_RETURN,
+                       id, get_qel_field_desc(id), f[3]});
+    }
+    return out;
+}
+// Read on first use: the catalogue fills before main, in another unit.
+const std::vector<Row>& table() {
+    static const std::vector<Row> all = rows();
+    return all;
+}
 
 class Dispatch : public ::testing::Test {
 protected:
@@ -98,9 +63,10 @@ protected:
 TEST_F(Dispatch, EveryPacketReachesItsCallbackWithItsRecordIntact) {
     const QelRspInfoField info = test::make_info(7, "seven");
     int seed = 0;
-    for (const Row& row : ROWS) {
+    ASSERT_EQ(table().size(), 50u);
+    for (const Row& row : table()) {
         SCOPED_TRACE(row.callback);
-        ASSERT_EQ(row.desc->id, row.record_id);
+        ASSERT_TRUE(row.desc != nullptr && row.desc->id == row.record_id);
         allow(100, 100);
         char record[4096];
         test::fill_record(row.desc, record, ++seed);
@@ -423,7 +389,7 @@ TEST_F(Dispatch, HostileFramesNeitherCrashNorCallBack) {
 
     // Random bodies behind valid headers, for each row of the table.
     std::mt19937 random(20261123);
-    for (const Row& row : ROWS) {
+    for (const Row& row : table()) {
         for (int round = 0; round < 40; ++round) {
             Frame frame(row.packet_id, 1, (round & 1) ? 'L' : 'C', static_cast<unsigned short>(round % 6));
             const int fields = static_cast<int>(random() % 6);

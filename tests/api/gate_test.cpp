@@ -2,7 +2,11 @@
 // and their shared stamp, with -2 and -3 at exactly the right call.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
+#include <string>
+
 #include "api/tradeapi.h"
+#include "tests/support/data_file.h"
 
 namespace {
 
@@ -26,53 +30,33 @@ int pass(Flux& flux, uint64_t now) {
 
 const uint64_t T0 = 1700000000000ull;  // ms
 
-TEST(Gate, TheRateWindowRefusesThe65thAndEndsAfterMoreThanASecond) {
+// The window, the hold and their shared stamp, step by step from data/gate.txt.
+TEST(Gate, RefusesAtExactlyTheRightCall) {
     Flux flux;
-    reset(flux, 64, 0);
-    for (int i = 0; i < 64; ++i) ASSERT_EQ(pass(flux, T0 + i), 0) << i;
-    EXPECT_EQ(pass(flux, T0 + 100), -3);
-    EXPECT_EQ(pass(flux, T0 + 1000), -3);  // a window lasts until more than 1000 ms have gone
-    EXPECT_EQ(flux.sent, 64u);
-    EXPECT_EQ(pass(flux, T0 + 1001), 0);   // a new window opens at this call
-    EXPECT_EQ(flux.stamp, T0 + 1001);
-    EXPECT_EQ(flux.window_base, 64u);
-    for (int i = 1; i < 64; ++i) ASSERT_EQ(pass(flux, T0 + 1001 + i), 0) << i;
-    EXPECT_EQ(pass(flux, T0 + 1500), -3);
-}
-
-TEST(Gate, TheOnWayHoldLastsTenSecondsFromItsStamp) {
-    Flux flux;
-    reset(flux, 0, 32);
-    for (int i = 0; i < 32; ++i) ASSERT_EQ(pass(flux, T0), 0);
-    EXPECT_EQ(pass(flux, T0 + 5), -2);  // the hold begins here
-    EXPECT_EQ(flux.stamp, T0 + 5);
-    EXPECT_EQ(pass(flux, T0 + 10005), -2);
-    EXPECT_EQ(pass(flux, T0 + 10006), 0);  // one goes through, nothing was answered
-    EXPECT_EQ(flux.sent, 33u);
-    EXPECT_EQ(pass(flux, T0 + 10007), -2);  // and a new hold starts
-    // Answers free places at once.
-    flux.answered.store(3);
-    EXPECT_EQ(pass(flux, T0 + 10008), 0);
-    EXPECT_EQ(pass(flux, T0 + 10009), 0);
-    EXPECT_EQ(pass(flux, T0 + 10010), -2);
-}
-
-// A hold that begins inside a rate window counts from the window's stamp;
-// when it ends, a new window opens at once, and the next refused call
-// starts a hold from that window's stamp.
-TEST(Gate, HoldAndWindowShareTheirStamp) {
-    Flux flux;
-    reset(flux, 64, 4);
-    for (int i = 0; i < 4; ++i) ASSERT_EQ(pass(flux, T0 + i), 0);
-    EXPECT_EQ(flux.stamp, T0);
-    EXPECT_EQ(pass(flux, T0 + 500), -2);
-    EXPECT_EQ(pass(flux, T0 + 10000), -2);
-    EXPECT_EQ(pass(flux, T0 + 10001), 0);
-    EXPECT_EQ(flux.stamp, T0 + 10001);
-    EXPECT_EQ(flux.window_base, 4u);
-    EXPECT_EQ(pass(flux, T0 + 10002), -2);
-    EXPECT_EQ(pass(flux, T0 + 20001), -2);
-    EXPECT_EQ(pass(flux, T0 + 20002), 0);
+    int line = 0;
+    for (const auto& row : test_data::rows("api/data/gate.txt")) {
+        SCOPED_TRACE(++line);
+        const std::string op = row[0];
+        const unsigned long a = test_data::number(row[1]);
+        if (op == "limits") {
+            reset(flux, static_cast<uint32_t>(a), static_cast<uint32_t>(test_data::number(row[2])));
+        } else if (op == "pass") {
+            EXPECT_EQ(pass(flux, T0 + a), std::atoi(row[2]));
+        } else if (op == "passes") {
+            for (unsigned long i = 0; i < a; ++i)
+                ASSERT_EQ(pass(flux, T0 + test_data::number(row[2]) + i * test_data::number(row[3])), 0) << i;
+        } else if (op == "answered") {
+            flux.answered.store(static_cast<uint32_t>(a));
+        } else if (op == "stamp") {
+            EXPECT_EQ(flux.stamp, T0 + a);
+        } else if (op == "base") {
+            EXPECT_EQ(flux.window_base, a);
+        } else {
+            ASSERT_EQ(op, "sent");
+            EXPECT_EQ(flux.sent, a);
+        }
+    }
+    EXPECT_GT(line, 30);
 }
 
 TEST(Gate, ZeroLimitsSwitchTheGateOff) {

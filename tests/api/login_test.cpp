@@ -132,6 +132,11 @@ protected:
         LoginProbe::crypt_reply(api, reply.commit(), &spi);
     }
 
+    void crypt(ReplyPacket& reply) { LoginProbe::crypt_reply(api, reply.commit(), &spi); }
+    void authenticated(ReplyPacket& reply) { LoginProbe::authenticate_reply(api, reply.commit(), &spi); }
+    void logged(ReplyPacket& reply) { LoginProbe::login_reply(api, reply.commit(), &spi); }
+    void logged_out(ReplyPacket& reply) { LoginProbe::logout_reply(api, reply.commit(), &spi); }
+
     SentPacket last_sent() {
         std::vector<SentPacket> packets = LoginProbe::sent(api);
         EXPECT_FALSE(packets.empty());
@@ -250,33 +255,17 @@ TEST_F(Login, UnusableKeyTextsAreRefused) {
 
 TEST_F(Login, MalformedCryptRepliesLeaveTheSessionUnready) {
     LoginProbe::key_request(api);
-    {
-        ReplyPacket reply(24722, 0);  // records in the wrong order
-        reply.add(crypt_value_of(1)).add(info_of(0)).add(key_text_of("0"));
-        LoginProbe::crypt_reply(api, reply.commit(), &spi);
-    }
-    {
-        ReplyPacket reply(24722, 0);  // no key text
-        reply.add(info_of(0)).add(crypt_value_of(1));
-        LoginProbe::crypt_reply(api, reply.commit(), &spi);
-    }
-    {
-        ReplyPacket reply(24722, 0);  // no crypt value
-        reply.add(info_of(0)).add(key_text_of("0"));
-        LoginProbe::crypt_reply(api, reply.commit(), &spi);
-    }
-    {
-        ReplyPacket reply(24722, 0);  // a key text that gives no key
-        reply.add(info_of(0)).add(crypt_value_of(1)).add(key_text_of("7"));
-        LoginProbe::crypt_reply(api, reply.commit(), &spi);
-    }
+    // records in the wrong order
+    crypt(ReplyPacket(24722, 0).add(crypt_value_of(1)).add(info_of(0)).add(key_text_of("0")));
+    crypt(ReplyPacket(24722, 0).add(info_of(0)).add(crypt_value_of(1)));  // no key text
+    crypt(ReplyPacket(24722, 0).add(info_of(0)).add(key_text_of("0")));  // no crypt value
+    // a key text that gives no key
+    crypt(ReplyPacket(24722, 0).add(info_of(0)).add(crypt_value_of(1)).add(key_text_of("7")));
     EXPECT_FALSE(LoginProbe::crypt_ready(api));
     EXPECT_TRUE(spi.errors.empty());
-    {
-        ReplyPacket reply(24722, 17, 'L');  // the front refuses
-        reply.add(info_of(1001, "no keys today")).add(crypt_value_of(1)).add(key_text_of("0"));
-        LoginProbe::crypt_reply(api, reply.commit(), &spi);
-    }
+    // the front refuses
+    crypt(ReplyPacket(24722, 17, 'L').add(info_of(1001, "no keys today")).add(crypt_value_of(1))
+        .add(key_text_of("0")));
     EXPECT_FALSE(LoginProbe::crypt_ready(api));
     EXPECT_EQ(spi.errors, std::vector<int>{1001});
     EXPECT_EQ(spi.requests, std::vector<int>{17});
@@ -312,25 +301,13 @@ TEST_F(Login, AuthenticationRepliesSetAndClearTheFlag) {
     QelProductAuthField auth;
     std::memset(&auth, 0, sizeof(auth));
     Base::str_ncpy(40, auth.AppID, "client_app");
-    {
-        ReplyPacket reply(24747, 5);
-        reply.add(info_of(0)).add(auth);
-        LoginProbe::authenticate_reply(api, reply.commit(), &spi);
-    }
+    authenticated(ReplyPacket(24747, 5).add(info_of(0)).add(auth));
     EXPECT_TRUE(LoginProbe::auth_ok(api));
     EXPECT_STREQ(LoginProbe::app_id(api), "client_app");
     EXPECT_EQ(LoginProbe::trade_flux(api).answered.load(), 1u);
-    {
-        ReplyPacket reply(24747, 6);  // no record: dropped whole
-        reply.add(info_of(77));
-        LoginProbe::authenticate_reply(api, reply.commit(), &spi);
-    }
+    authenticated(ReplyPacket(24747, 6).add(info_of(77)));  // no record: dropped whole
     EXPECT_TRUE(LoginProbe::auth_ok(api));
-    {
-        ReplyPacket reply(24747, 7);
-        reply.add(info_of(77, "wrong code")).add(auth);
-        LoginProbe::authenticate_reply(api, reply.commit(), &spi);
-    }
+    authenticated(ReplyPacket(24747, 7).add(info_of(77, "wrong code")).add(auth));
     EXPECT_FALSE(LoginProbe::auth_ok(api));
     EXPECT_STREQ(LoginProbe::app_id(api), "");
     // A reply beyond what was sent counts nothing.
@@ -482,32 +459,19 @@ QelUserCommFluxControlField limits_of(int a, int b, int c, int d) {
 TEST_F(Login, LoginRefusedThenAccepted) {
     Base::str_ncpy(8, LoginProbe::resume_day(api), "20250101");
     LoginProbe::trade_flux(api).sent = 3;
-    {
-        ReplyPacket reply(4098, 1);  // refused: the state stays
-        reply.add(info_of(60, "bad password")).add(login_reply_record("20250106", "trader01"));
-        LoginProbe::login_reply(api, reply.commit(), &spi);
-    }
+    // refused: the state stays
+    logged(ReplyPacket(4098, 1).add(info_of(60, "bad password")).add(login_reply_record("20250106", "trader01")));
     EXPECT_FALSE(LoginProbe::logged_in(api));
     EXPECT_STREQ(LoginProbe::trading_day(api), "");
     EXPECT_STREQ(LoginProbe::max_order_local_id(api), "");
     EXPECT_EQ(LoginProbe::data_center_id(api), 0);
-    {
-        ReplyPacket reply(4098, 2);  // refused without the record: no call at all
-        reply.add(info_of(60));
-        LoginProbe::login_reply(api, reply.commit(), &spi);
-    }
-    {
-        ReplyPacket reply(4098, 3);  // accepted but without limits: dropped
-        reply.add(info_of(0)).add(login_reply_record("20250106", "trader01"));
-        LoginProbe::login_reply(api, reply.commit(), &spi);
-    }
+    logged(ReplyPacket(4098, 2).add(info_of(60)));  // refused without the record: no call at all
+    // accepted but without limits: dropped
+    logged(ReplyPacket(4098, 3).add(info_of(0)).add(login_reply_record("20250106", "trader01")));
     EXPECT_FALSE(LoginProbe::logged_in(api));
     EXPECT_EQ(spi.logins, std::vector<std::string>{"trader01/60"});
-    {
-        ReplyPacket reply(4098, 4);
-        reply.add(info_of(0)).add(limits_of(10, -5, 0, 200)).add(login_reply_record("20250106", "trader01"));
-        LoginProbe::login_reply(api, reply.commit(), &spi);
-    }
+    logged(ReplyPacket(4098, 4).add(info_of(0)).add(limits_of(10, -5, 0, 200))
+        .add(login_reply_record("20250106", "trader01")));
     EXPECT_TRUE(LoginProbe::logged_in(api));
     EXPECT_STREQ(LoginProbe::trading_day(api), "20250106");
     EXPECT_STREQ(LoginProbe::max_order_local_id(api), "000000000042");
@@ -527,17 +491,9 @@ TEST_F(Login, LoginRefusedThenAccepted) {
     QelRspUserLogoutField logout;
     std::memset(&logout, 0, sizeof(logout));
     Base::str_ncpy(15, logout.UserID, "trader01");
-    {
-        ReplyPacket reply(4100, 5);
-        reply.add(info_of(8)).add(logout);
-        LoginProbe::logout_reply(api, reply.commit(), &spi);
-    }
+    logged_out(ReplyPacket(4100, 5).add(info_of(8)).add(logout));
     EXPECT_TRUE(LoginProbe::logged_in(api));
-    {
-        ReplyPacket reply(4100, 6);
-        reply.add(info_of(0)).add(logout);
-        LoginProbe::logout_reply(api, reply.commit(), &spi);
-    }
+    logged_out(ReplyPacket(4100, 6).add(info_of(0)).add(logout));
     EXPECT_FALSE(LoginProbe::logged_in(api));
     EXPECT_STREQ(LoginProbe::participant_id(api), "");
     EXPECT_STREQ(LoginProbe::user_id(api), "");

@@ -69,38 +69,29 @@ TEST(TradeApi, HeartbeatTimeoutIsClampedTo4Through181) {
     }
 }
 
-TEST(TradeApi, TheTableTouchedLastWins) {
+// The table touched last wins; a full one refuses with -8 and keeps its entries.
+TEST(TradeApi, AddressTables) {
     Api::TradeApi api("./", nullptr);
     EXPECT_EQ(api.get_address_mode(), '1');
     ASSERT_EQ(api.RegisterNameServer("tcp://127.0.0.1:18001"), 0);
-    EXPECT_EQ(api.get_address_mode(), '1');
+    EXPECT_EQ(api.get_address_mode(), '1');  // name servers leave the mode alone
     ASSERT_EQ(api.RegisterFront("tcp://127.0.0.1:17001"), 0);
     EXPECT_EQ(api.get_name_server_count(), 0);
-    EXPECT_EQ(api.get_front_count(), 1);
     EXPECT_EQ(api.get_address_mode(), '0');
-    ASSERT_EQ(api.RegisterNameServer("tcp://127.0.0.1:18002"), 0);
-    EXPECT_EQ(api.get_front_count(), 0);
-    EXPECT_EQ(api.get_name_server_count(), 1);
-    EXPECT_STREQ(api.get_name_server(0), "tcp://127.0.0.1:18002");
-    EXPECT_EQ(api.get_address_mode(), '0');  // name servers leave the mode alone
-}
-
-TEST(TradeApi, FullTablesRefuseWithMinus8AndKeepTheirEntries) {
-    Api::TradeApi api("./", nullptr);
     for (int i = 0; i < 16; ++i) ASSERT_EQ(api.RegisterNameServer(address(i).c_str()), 0);
     EXPECT_EQ(api.RegisterNameServer(address(16).c_str()), -8);
     EXPECT_EQ(api.get_name_server_count(), 16);
     EXPECT_STREQ(api.get_name_server(15), address(15).c_str());
-
+    EXPECT_EQ(api.get_address_mode(), '0');
+    EXPECT_EQ(api.get_front_count(), 0);
     for (int i = 0; i < 64; ++i) ASSERT_EQ(api.RegisterFront(address(i).c_str()), 0) << i;
-    EXPECT_EQ(api.get_name_server_count(), 0);
     EXPECT_EQ(api.RegisterFront(address(64).c_str()), -8);
     EXPECT_EQ(api.get_front_count(), 64);
     EXPECT_STREQ(api.get_front(63), address(63).c_str());
     EXPECT_EQ(api.get_name_server_count(), 0);
 }
 
-TEST(TradeApi, AddressesAreCutTo63Characters) {
+TEST(TradeApi, AddressesAreCutTo63CharactersAndTheFlowPathTo255) {
     Api::TradeApi api("./", nullptr);
     std::string long_address = "tcp://" + std::string(70, 'a');
     ASSERT_EQ(api.RegisterFront(long_address.c_str()), 0);
@@ -108,6 +99,9 @@ TEST(TradeApi, AddressesAreCutTo63Characters) {
     std::string exact(63, 'b');
     ASSERT_EQ(api.RegisterNameServer(exact.c_str()), 0);
     EXPECT_EQ(std::string(api.get_name_server(0)), exact);
+    std::string long_path(300, 'p');
+    Api::TradeApi created(long_path.c_str(), nullptr);
+    EXPECT_EQ(std::string(created.get_flow_path()), long_path.substr(0, 255));
 }
 
 TEST(TradeApi, ConfigurationIsRefusedAfterInit) {
@@ -133,17 +127,15 @@ TEST(TradeApi, ConfigurationIsRefusedAfterInit) {
     EXPECT_EQ(api->Join(), 0);
 }
 
+// Release refuses before Init and sets no sign: Join must not wait for it.
 TEST(TradeApi, JoinFreesATraderThatNeverStarted) {
-    // Release refuses before Init and never sets the sign; Join must not
-    // wait for it (ASan sees the object freed).
     auto* api = new Api::TradeApi(temp_dir().c_str(), nullptr);
     EXPECT_EQ(api->Release(), -9);
     EXPECT_EQ(api->Join(), 0);
 }
 
+// Two Inits at once: one starts the trader, the other gets -5; nothing built twice.
 TEST(TradeApi, RacingInitsStartTheTraderOnce) {
-    // Two threads call Init at once: one starts the object, the other is
-    // told -5; nothing is built twice (ASan would see the leak).
     auto* api = static_cast<Api::TradeApi*>(CTulmQelcTraderApi::CreateQelcTraderApi(temp_dir().c_str()));
     int results[2] = {1, 1};
     std::thread first([&] { results[0] = api->Init(); });
@@ -154,48 +146,6 @@ TEST(TradeApi, RacingInitsStartTheTraderOnce) {
     EXPECT_EQ(api->Release(), 0);
     EXPECT_EQ(api->Join(), 0);
 }
-
-TEST(TradeApi, RequestsBeforeLoginAndBeforeInit) {
-    Api::TradeApi api("./", nullptr);
-    EXPECT_EQ(api.ReqOrderInsert(nullptr, 1), -1);
-    EXPECT_EQ(api.ReqQryInstrument(nullptr, 2), -1);
-    EXPECT_EQ(api.ReqUserLogout(nullptr, 3), -1);
-    EXPECT_EQ(api.ReqAuthenticate(nullptr, 4), -9);
-    EXPECT_EQ(api.ReqUserLogin(nullptr, 5), -9);
-    EXPECT_STREQ(api.GetTradingDay(), "");
-}
-
-TEST(TradeApi, LogsAppendAndABadPathTurnsTheLogOff) {
-    Api::TradeApi api("./", nullptr);
-    std::string path = ::testing::TempDir() + "qel_request_log.txt";
-    std::remove(path.c_str());
-    FILE* seed = std::fopen(path.c_str(), "wb");
-    std::fputs("kept\n", seed);
-    std::fclose(seed);
-    EXPECT_EQ(api.OpenRequestLog(path.c_str()), 0);
-    EXPECT_EQ(api.OpenRequestLog("/nonexistent-dir/log.txt"), -4);
-    EXPECT_EQ(api.OpenResponseLog("/nonexistent-dir/log.txt"), -4);
-    char line[16] = {};
-    FILE* check = std::fopen(path.c_str(), "rb");
-    ASSERT_NE(check, nullptr);
-    ASSERT_NE(std::fgets(line, sizeof(line), check), nullptr);
-    std::fclose(check);
-    EXPECT_STREQ(line, "kept\n");
-    std::remove(path.c_str());
-}
-
-TEST(TradeApi, FactoryCopiesTheFlowPath) {
-    std::string long_path(300, 'p');
-    CTulmQelcTraderApi* created = CTulmQelcTraderApi::CreateQelcTraderApi(long_path.c_str());
-    auto* api = static_cast<Api::TradeApi*>(created);
-    EXPECT_EQ(std::string(api->get_flow_path()), long_path.substr(0, 255));
-    EXPECT_FALSE(api->is_started());
-    delete api;
-}
-
-}  // namespace
-
-namespace {
 
 TEST(TradeApiStart, NoAddressNeverConnectsAndASecondInitChangesNothing) {
     int threads = thread_count();
