@@ -266,8 +266,7 @@ inline std::string differing_members(const Base::FieldDesc* desc, const std::str
 }
 
 inline QelRspInfoField make_info(int error_id, const char* message) {
-    QelRspInfoField info;
-    std::memset(&info, 0, sizeof(info));
+    QelRspInfoField info = {};
     info.ErrorID = error_id;
     std::snprintf(info.ErrorMsg, sizeof(info.ErrorMsg), "%s", message);
     return info;

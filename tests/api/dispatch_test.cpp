@@ -285,8 +285,7 @@ TEST_F(Dispatch, RspErrorCountsOnTheGateOfItsSubjectAndNeverPastSent) {
 
 TEST_F(Dispatch, PasswordsAreGoneOnceTheCallbackReturns) {
     allow(1, 0);
-    QelUserPasswordUpdateField update;
-    std::memset(&update, 0, sizeof(update));
+    QelUserPasswordUpdateField update = {};
     std::snprintf(update.UserID, sizeof(update.UserID), "u1");
     std::snprintf(update.OldPassword, sizeof(update.OldPassword), "old-secret");
     std::snprintf(update.NewPassword, sizeof(update.NewPassword), "new-secret");

@@ -1,46 +1,26 @@
 // The request and response logs: whole lines of each form, files that
 // can't be opened, fill up or vanish, and secrets that never reach a line.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cfloat>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "base/strings.h"
 #include "tests/api/login_probe.h"
+#include "tests/api/test_front.h"
 
 using Api::LoginProbe;
 using Api::ReplyPacket;
 
 namespace {
 
-std::string read_file(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-class TempDir {
-public:
-    TempDir() {
-        char pattern[] = "/tmp/qel_log_XXXXXX";
-        path = mkdtemp(pattern);
-    }
-    ~TempDir() {
-        for (const char* name : {"request.log", "response.log", "gone.log", "kept.log"})
-            std::remove((path + "/" + name).c_str());
-        rmdir(path.c_str());
-    }
-    std::string file(const char* name) const { return path + "/" + name; }
-
-private:
-    std::string path;
+struct TempDir {
+    std::string file(const char* name) const { return path + name; }
+    std::string path = test_front::temp_dir("log_");
 };
 
 // True when line starts with 20YYMMDDhhmmssmmm and a comma.
@@ -73,8 +53,7 @@ TEST(TradeLog, LinesOfEachFormAreWhole) {
     char scratch[Api::TradeApi::FIELD_BUFFER_SIZE];
 
     // A request, in the internal form as it was sent.
-    QelReqUserLoginField login;
-    std::memset(&login, 0, sizeof(login));
+    QelReqUserLoginField login = {};
     Base::str_ncpy(8, login.TradingDay, "20250102");
     Base::str_ncpy(15, login.UserID, "trader\"01");
     Base::str_ncpy(40, login.UserProductInfo, "my app");
@@ -82,12 +61,10 @@ TEST(TradeLog, LinesOfEachFormAreWhole) {
     Api::write_log(file, "ReqUserLogin", &login, &QelReqUserLoginField::DESC, 0, scratch);
 
     // A reply with an error, in the struct form a callback sees.
-    QelRspInfoField info;
-    std::memset(&info, 0, sizeof(info));
+    QelRspInfoField info = {};
     info.ErrorID = 31;
     Base::str_ncpy(80, info.ErrorMsg, "no such account");
-    CTulmQelcRspPartAccountField account;
-    std::memset(&account, 0, sizeof(account));
+    CTulmQelcRspPartAccountField account = {};
     Base::str_ncpy(8, account.TradingDay, "20250102");
     Base::str_ncpy(8, account.SettlementGroupID, "SG1");
     account.SettlementID = 7;
@@ -99,8 +76,7 @@ TEST(TradeLog, LinesOfEachFormAreWhole) {
                    sizeof(account), scratch);
 
     // A return, and a query answer with nothing but its info.
-    CTulmQelcInstrumentStatusField status;
-    std::memset(&status, 0, sizeof(status));
+    CTulmQelcInstrumentStatusField status = {};
     Base::str_ncpy(30, status.InstrumentID, "IO2501-C-4000");
     status.InstrumentStatus = '2';
     status.TradingSegmentSN = 4;
@@ -112,7 +88,7 @@ TEST(TradeLog, LinesOfEachFormAreWhole) {
                    scratch);
     std::fclose(file);
 
-    std::vector<std::string> lines = lines_without_time(read_file(dir.file("kept.log")));
+    std::vector<std::string> lines = lines_without_time(test_front::read_file(dir.file("kept.log")));
     ASSERT_EQ(lines.size(), 4u);
     EXPECT_EQ(lines[0],
               "ReqUserLogin,TradingDay=\"20250102\" UserID=\"trader\"\"01\" ParticipantID=\"\" Password=\"\" "
@@ -145,31 +121,26 @@ protected:
 
     // An authentication and a login with secrets, and their good replies.
     void log_in(const char* secret) {
-        CTulmQelcProductAuthField auth;
-        std::memset(&auth, 0, sizeof(auth));
+        CTulmQelcProductAuthField auth = {};
         Base::str_ncpy(40, auth.AppID, "desk_app");
         Base::str_ncpy(16, auth.AuthCode, secret);
         LoginProbe::authenticate(api, &auth, 1);
-        QelProductAuthField echoed;
-        std::memset(&echoed, 0, sizeof(echoed));
+        QelProductAuthField echoed = {};
         Base::str_ncpy(40, echoed.AppID, "desk_app");
         Base::str_ncpy(16, echoed.AuthCode, secret);
-        QelRspInfoField info;
-        std::memset(&info, 0, sizeof(info));
+        QelRspInfoField info = {};
         ReplyPacket auth_reply(24747, 1);
         auth_reply.add(info).add(echoed);
         LoginProbe::authenticate_reply(api, auth_reply.commit(), nullptr);
 
-        CTulmQelcReqUserLoginField login;
-        std::memset(&login, 0, sizeof(login));
+        CTulmQelcReqUserLoginField login = {};
         Base::str_ncpy(15, login.UserID, "trader01");
         Base::str_ncpy(10, login.ParticipantID, "PART01");
         Base::str_ncpy(40, login.Password, secret);
         Base::str_ncpy(40, login.UserProductInfo, "my_app");
         LoginProbe::login(api, &login, 2);
         QelUserCommFluxControlField limits = {1, 2, 3, 4};
-        QelRspUserLoginField reply_record;
-        std::memset(&reply_record, 0, sizeof(reply_record));
+        QelRspUserLoginField reply_record = {};
         Base::str_ncpy(8, reply_record.TradingDay, "20250106");
         Base::str_ncpy(15, reply_record.UserID, "trader01");
         ReplyPacket login_reply(4098, 2);
@@ -189,8 +160,8 @@ TEST_F(LoggedLogin, NoSecretReachesALog) {
     ASSERT_EQ(api.OpenResponseLog(dir.file("response.log").c_str()), 0);
     start();
     log_in("SECRET-16-CHARS!");
-    std::string requests = read_file(dir.file("request.log"));
-    std::string responses = read_file(dir.file("response.log"));
+    std::string requests = test_front::read_file(dir.file("request.log"));
+    std::string responses = test_front::read_file(dir.file("response.log"));
     EXPECT_EQ(requests.find("SECRET"), std::string::npos) << requests;
     EXPECT_EQ(responses.find("SECRET"), std::string::npos) << responses;
     std::vector<std::string> lines = lines_without_time(requests);
@@ -226,7 +197,7 @@ TEST_F(LoggedLogin, LogsThatCantBeOpenedAreOffAndTradingGoesOn) {
     log_in("pw");
     ASSERT_EQ(api.OpenRequestLog(dir.file("kept.log").c_str()), 0);
     log_in("pw");
-    EXPECT_EQ(lines_without_time(read_file(dir.file("kept.log"))).size(), 4u);
+    EXPECT_EQ(lines_without_time(test_front::read_file(dir.file("kept.log"))).size(), 4u);
 }
 
 TEST_F(LoggedLogin, AFullDiskOrARemovedFileDoesNotStopTrading) {

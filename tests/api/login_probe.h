@@ -25,10 +25,10 @@ struct SentPacket {
     std::vector<unsigned short> ids;
     std::vector<std::string> values;  // stream form of each record
 
-    // The first record of id decoded into its internal form; false when none.
-    bool get(unsigned short id, const Base::FieldDesc* desc, void* record) const {
+    // The nth record of id decoded into its internal form; false when none.
+    bool get(unsigned short id, const Base::FieldDesc* desc, void* record, int nth = 0) const {
         for (size_t i = 0; i < ids.size(); ++i) {
-            if (ids[i] != id) continue;
+            if (ids[i] != id || nth-- > 0) continue;
             std::memset(record, 0, desc->struct_size);
             desc->from_stream(record, values[i].data(), static_cast<int>(values[i].size()));
             return true;

@@ -3,21 +3,15 @@
 // authentication and login packets byte by byte, and the replies' effect on
 // the session state.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cstdint>
-#include <fstream>
 #include <mutex>
-#include <sstream>
 #include <cstring>
 #include <string>
 #include <vector>
 
-#include "api/systeminfo.h"
 #include "base/datetime.h"
-#include "base/random.h"
 #include "base/strings.h"
 #include "cipher/aes.h"
 #include "cipher/sm2.h"
@@ -56,8 +50,7 @@ struct RecordingSpi : CTulmQelcTraderSpi {
 };
 
 QelRspInfoField info_of(int error, const char* message = "") {
-    QelRspInfoField info;
-    std::memset(&info, 0, sizeof(info));
+    QelRspInfoField info = {};
     info.ErrorID = error;
     Base::str_ncpy(80, info.ErrorMsg, message);
     return info;
@@ -70,8 +63,7 @@ QelUserapiInitAuthInfoField crypt_value_of(int value) {
 }
 
 QelUserapiSessionAuthInfoField key_text_of(const std::string& text) {
-    QelUserapiSessionAuthInfoField record;
-    std::memset(&record, 0, sizeof(record));
+    QelUserapiSessionAuthInfoField record = {};
     Base::str_ncpy(300, record.EncryptUserApiInfo, text.c_str());
     return record;
 }
@@ -273,8 +265,7 @@ TEST_F(Login, MalformedCryptRepliesLeaveTheSessionUnready) {
 
 TEST_F(Login, AuthenticationSendsTheCryptValueUnderTheAuthCode) {
     LoginProbe::crypt_value(api) = -123456789;
-    CTulmQelcProductAuthField auth;
-    std::memset(&auth, 0, sizeof(auth));
+    CTulmQelcProductAuthField auth = {};
     std::memset(auth.AppID, 'a', 40);  // 40 characters and no zero: cut there
     std::memcpy(auth.AuthCode, "0123456789abcdefXY", 17);
     LoginProbe::authenticate(api, &auth, 31);
@@ -298,8 +289,7 @@ TEST_F(Login, AuthenticationSendsTheCryptValueUnderTheAuthCode) {
 
 TEST_F(Login, AuthenticationRepliesSetAndClearTheFlag) {
     LoginProbe::trade_flux(api).sent = 1;
-    QelProductAuthField auth;
-    std::memset(&auth, 0, sizeof(auth));
+    QelProductAuthField auth = {};
     Base::str_ncpy(40, auth.AppID, "client_app");
     authenticated(ReplyPacket(24747, 5).add(info_of(0)).add(auth));
     EXPECT_TRUE(LoginProbe::auth_ok(api));
@@ -317,8 +307,7 @@ TEST_F(Login, AuthenticationRepliesSetAndClearTheFlag) {
 }
 
 CTulmQelcReqUserLoginField login_request() {
-    CTulmQelcReqUserLoginField login;
-    std::memset(&login, 0, sizeof(login));
+    CTulmQelcReqUserLoginField login = {};
     Base::str_ncpy(8, login.TradingDay, "20250102");
     Base::str_ncpy(15, login.UserID, "trader01");
     Base::str_ncpy(10, login.ParticipantID, "PART01");
@@ -391,14 +380,8 @@ TEST_F(Login, WaitingTopicsBringTheirPositionsAndTheirDay) {
     EXPECT_STREQ(login.TradingDay, "20250101");
     EXPECT_EQ(login.DataCenterID, 7);
     QelDisseminationField first, second;
-    first.SequenceSeries = second.SequenceSeries = 0;
-    SentPacket positions = packet;
-    positions.ids.erase(positions.ids.begin());
-    positions.values.erase(positions.values.begin());
-    ASSERT_TRUE(positions.get(1, &QelDisseminationField::DESC, &first));
-    positions.ids.erase(positions.ids.begin());
-    positions.values.erase(positions.values.begin());
-    ASSERT_TRUE(positions.get(1, &QelDisseminationField::DESC, &second));
+    ASSERT_TRUE(packet.get(1, &QelDisseminationField::DESC, &first, 0));
+    ASSERT_TRUE(packet.get(1, &QelDisseminationField::DESC, &second, 1));
     EXPECT_EQ(first.SequenceSeries, 2);
     EXPECT_EQ(first.SequenceNo, 1234);
     EXPECT_EQ(second.SequenceSeries, 3);
@@ -416,8 +399,7 @@ TEST_F(Login, WaitingTopicsBringTheirPositionsAndTheirDay) {
 }
 
 TEST_F(Login, AnAuthenticatedLoginCarriesTheTerminalInformation) {
-    QelProductAuthField auth;
-    std::memset(&auth, 0, sizeof(auth));
+    QelProductAuthField auth = {};
     Base::str_ncpy(40, auth.AppID, "desk@3");
     ReplyPacket reply(24747, 5);
     reply.add(info_of(0)).add(auth);
@@ -437,8 +419,7 @@ TEST_F(Login, AnAuthenticatedLoginCarriesTheTerminalInformation) {
 }
 
 QelRspUserLoginField login_reply_record(const char* day, const char* user) {
-    QelRspUserLoginField record;
-    std::memset(&record, 0, sizeof(record));
+    QelRspUserLoginField record = {};
     Base::str_ncpy(8, record.TradingDay, day);
     Base::str_ncpy(12, record.MaxOrderLocalID, "000000000042");
     Base::str_ncpy(15, record.UserID, user);
@@ -488,8 +469,7 @@ TEST_F(Login, LoginRefusedThenAccepted) {
     EXPECT_EQ(LoginProbe::trade_flux(api).answered.load(), 2u);
 
     // A refused logout changes nothing; a good one ends the login.
-    QelRspUserLogoutField logout;
-    std::memset(&logout, 0, sizeof(logout));
+    QelRspUserLogoutField logout = {};
     Base::str_ncpy(15, logout.UserID, "trader01");
     logged_out(ReplyPacket(4100, 5).add(info_of(8)).add(logout));
     EXPECT_TRUE(LoginProbe::logged_in(api));
@@ -539,8 +519,7 @@ private:
     void answer_key(Link* link, const Network::QelcPacket::Header& header, const char* body) {
         key_requests.fetch_add(1);
         Network::QelcPacket::Iterator records(&header, body);
-        QelUserapiSessionAuthInfoField client_key;
-        std::memset(&client_key, 0, sizeof(client_key));
+        QelUserapiSessionAuthInfoField client_key = {};
         while (records.next() != Network::QelcPacket::END)
             if (records.get_field_id() == 32791) records.get_field(&client_key, &QelUserapiSessionAuthInfoField::DESC, false);
         client_key.EncryptUserApiInfo[300] = 0;
@@ -573,8 +552,7 @@ private:
 
     void answer_authenticate(const Network::QelcPacket::Header& header, const char* body) {
         Network::QelcPacket::Iterator records(&header, body);
-        QelProductAuthField auth;
-        std::memset(&auth, 0, sizeof(auth));
+        QelProductAuthField auth = {};
         if (records.next() == 32790) records.get_field(&auth, &QelProductAuthField::DESC, false);
         // The code this front knows for the application.
         Cipher::Aes aes(reinterpret_cast<const unsigned char*>("code-of-the-app\0"), 16);
@@ -626,33 +604,17 @@ private:
     std::vector<int> disconnects, errors;
 };
 
-std::string wire_dir() {
-    static std::atomic<int> serial{0};
-    std::string dir = ::testing::TempDir() + "login_" + std::to_string(getpid()) + "_" + std::to_string(serial.fetch_add(1));
-    mkdir(dir.c_str(), 0700);
-    return dir + "/";
-}
-
-std::string read_text(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
 // Connects, authenticates (with code) and logs in over a front of form;
 // true when the login reply came back good.
 bool log_in_over(KeyFront& front, WireSpi& spi, Api::TradeApi* api, const char* code) {
     if (!test_front::wait_until([&] { return spi.connected.load() > 0; })) return false;
-    CTulmQelcProductAuthField auth;
-    std::memset(&auth, 0, sizeof(auth));
+    CTulmQelcProductAuthField auth = {};
     Base::str_ncpy(40, auth.AppID, "wire_app");
     Base::str_ncpy(16, auth.AuthCode, code);
     if (api->ReqAuthenticate(&auth, 1) != 0) return false;
     if (!test_front::wait_until([&] { return spi.auth_good.load() + spi.auth_bad.load() > 0; })) return false;
     if (spi.auth_bad.load() > 0) return false;
-    CTulmQelcReqUserLoginField login;
-    std::memset(&login, 0, sizeof(login));
+    CTulmQelcReqUserLoginField login = {};
     Base::str_ncpy(15, login.UserID, "U1");
     Base::str_ncpy(10, login.ParticipantID, "P1");
     Base::str_ncpy(40, login.Password, "wire-secret");
@@ -666,7 +628,7 @@ TEST(LoginWire, EachKeyFormCarriesTheLoginUnderItsCipher) {
         SCOPED_TRACE(form);
         KeyFront front(form);
         WireSpi spi;
-        std::string dir = wire_dir();
+        std::string dir = test_front::temp_dir("login_");
         auto* api = static_cast<Api::TradeApi*>(CTulmQelcTraderApi::CreateQelcTraderApi(dir.c_str()));
         api->RegisterSpi(&spi);
         ASSERT_EQ(api->RegisterFront(front.address().c_str()), 0);
@@ -683,8 +645,7 @@ TEST(LoginWire, EachKeyFormCarriesTheLoginUnderItsCipher) {
         ASSERT_EQ(logins.size(), 1u);
         Network::QelcPacket::Iterator records(&logins[0].header, logins[0].bytes.data() + 26);
         std::vector<unsigned short> ids;
-        QelReqUserLoginField login;
-        std::memset(&login, 0, sizeof(login));
+        QelReqUserLoginField login = {};
         for (unsigned short id = records.next(); id != Network::QelcPacket::END; id = records.next()) {
             ids.push_back(id);
             if (id == 10) records.get_field(&login, &QelReqUserLoginField::DESC, false);
@@ -694,7 +655,7 @@ TEST(LoginWire, EachKeyFormCarriesTheLoginUnderItsCipher) {
         EXPECT_STREQ(login.Password, "wire-secret");
         EXPECT_EQ(std::string(login.ProtocolInfo, 7), std::string("QELC 4\0", 7));
         EXPECT_TRUE(spi.get_disconnects().empty());
-        std::string log = read_text(dir + "response.log");
+        std::string log = test_front::read_file(dir + "response.log");
         EXPECT_NE(log.find(",OnRspAuthenticate,0,,AppID=\"wire_app\" AuthCode=\"\"\n"), std::string::npos) << log;
         EXPECT_NE(log.find(",OnRspUserLogin,0,,TradingDay=\"20260105\""), std::string::npos) << log;
         EXPECT_EQ(log.find("secret"), std::string::npos);
@@ -706,19 +667,18 @@ TEST(LoginWire, EachKeyFormCarriesTheLoginUnderItsCipher) {
 TEST(LoginWire, AWrongAuthCodeIsRefusedAndLoginWaitsForIt) {
     KeyFront front(KeyFront::MASKED);
     WireSpi spi;
-    auto* api = static_cast<Api::TradeApi*>(CTulmQelcTraderApi::CreateQelcTraderApi(wire_dir().c_str()));
+    auto* api = static_cast<Api::TradeApi*>(CTulmQelcTraderApi::CreateQelcTraderApi(test_front::temp_dir("login_").c_str()));
     api->RegisterSpi(&spi);
     ASSERT_EQ(api->RegisterFront(front.address().c_str()), 0);
     ASSERT_EQ(api->Init(), 0);
     EXPECT_FALSE(log_in_over(front, spi, api, "not-the-code"));
     EXPECT_EQ(spi.auth_bad.load(), 1);
-    CTulmQelcReqUserLoginField login;
-    std::memset(&login, 0, sizeof(login));
+    CTulmQelcReqUserLoginField login = {};
     Base::str_ncpy(40, login.UserProductInfo, "wire tests");
     EXPECT_EQ(api->ReqUserLogin(&login, 3), -7);  // authentication asked for and failed
     EXPECT_EQ(api->Release(), 0);
     // No reactor thread is left to swap a response log: refused, not hung.
-    std::string path = wire_dir() + "late.log";
+    std::string path = test_front::temp_dir("login_") + "late.log";
     EXPECT_EQ(api->OpenResponseLog(path.c_str()), -4);
     EXPECT_EQ(api->Join(), 0);
 }
@@ -728,7 +688,7 @@ TEST(LoginWire, BadCryptRepliesCloseTheConnectionAndKeysAreExchangedAnew) {
         SCOPED_TRACE(form);
         KeyFront front(form);
         WireSpi spi;
-        auto* api = static_cast<Api::TradeApi*>(CTulmQelcTraderApi::CreateQelcTraderApi(wire_dir().c_str()));
+        auto* api = static_cast<Api::TradeApi*>(CTulmQelcTraderApi::CreateQelcTraderApi(test_front::temp_dir("login_").c_str()));
         api->RegisterSpi(&spi);
         ASSERT_EQ(api->RegisterFront(front.address().c_str()), 0);
         ASSERT_EQ(api->Init(), 0);

@@ -10,7 +10,6 @@
 #include <cstdio>
 #include <fstream>
 #include <random>
-#include <sstream>
 #include <string>
 
 #include <atomic>
@@ -31,28 +30,12 @@ using test::RecordingSpi;
 
 namespace {
 
-class TempDir {
-public:
-    TempDir() {
-        char pattern[] = "/tmp/qel_resume_XXXXXX";
-        path = mkdtemp(pattern);
-    }
-    ~TempDir() {
-        std::remove(file().c_str());
-        rmdir(path.c_str());
-    }
-    std::string file() const { return path + "/trade.con"; }
-    void write(const std::string& text) const {
-        std::ofstream out(file(), std::ios::binary | std::ios::trunc);
-        out << text;
-    }
-    std::string read() const {
-        std::ifstream in(file(), std::ios::binary);
-        std::stringstream text;
-        text << in.rdbuf();
-        return text.str();
-    }
-    std::string path;
+// A fresh directory and its trade.con.
+struct TempDir {
+    std::string file() const { return path + "trade.con"; }
+    void write(const std::string& text) const { std::ofstream(file(), std::ios::binary) << text; }
+    std::string read() const { return test_front::read_file(file()); }
+    std::string path = test_front::temp_dir("resume_");
 };
 
 // A trader that has read the directory's trade.con, with the three topics

@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -17,6 +15,7 @@
 #include "cipher/rsa.h"
 #include "cipher/sm3.h"
 #include "tests/api/login_probe.h"
+#include "tests/api/test_front.h"
 
 #ifdef QEL_HAVE_OPENSSL
 #include <openssl/evp.h>
@@ -27,13 +26,6 @@
 using Api::LoginProbe;
 
 namespace {
-
-std::string read_file(const std::string& path) {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
 
 std::vector<std::string> split(const std::string& text) {
     std::vector<std::string> fields(1);
@@ -71,7 +63,7 @@ std::string open_token(int crypt_value, bool front_registered, std::string* open
         ADD_FAILURE() << "frame of " << length << " bytes";
         return "";
     }
-    std::string pem = read_file(std::string(QEL_SOURCE_DIR) + "/tests/api/data/userapi_test_key.pem");
+    std::string pem = test_front::read_file(std::string(QEL_SOURCE_DIR) + "/tests/api/data/userapi_test_key.pem");
     int n_length = 0, d_length = 0;
     EXPECT_TRUE(Cipher::Pem::parse_rsa_private_key(pem.c_str(), nullptr, n_length, nullptr, d_length, nullptr));
     std::vector<char> n(static_cast<size_t>(n_length)), d(static_cast<size_t>(d_length));
@@ -128,8 +120,7 @@ TEST(SystemInfo, TransStrEscapesSeparatorsThenCuts) {
 }
 
 Api::SystemFacts plain_facts() {
-    Api::SystemFacts facts;
-    std::memset(&facts, 0, sizeof(facts));
+    Api::SystemFacts facts = {};
     std::strcpy(facts.date_time, "2025-01-02 09:30:05");
     return facts;
 }
@@ -260,8 +251,7 @@ TEST(SystemInfo, ThisMachineGivesAWholeText) {
 }
 
 TEST(SystemInfo, TheApiBlockGivesBackItsSecondAndUser) {
-    char block[40];
-    std::memset(block, 0, sizeof(block));
+    char block[40] = {};
     long before = 0, after = 0;
     int ms = 0;
     Base::DateTime::get_now(before, ms);

@@ -24,9 +24,11 @@
 
 #include <atomic>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -52,6 +54,14 @@ inline std::string temp_dir(const char* prefix = "trader_") {
                       std::to_string(serial.fetch_add(1));
     mkdir(dir.c_str(), 0700);
     return dir + "/";
+}
+
+// The whole content of a file ("" when there is none).
+inline std::string read_file(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
 }
 
 // Threads of this process now. A thread is made and joined first, so that
@@ -296,21 +306,26 @@ protected:
     std::vector<Frame> received;
 };
 
-// A port on 127.0.0.1 that refuses connections for as long as the object
-// lives: bound but not listening, so neither a listener of another test
-// nor a connect's own source port (a self-connection) can take it.
+// A socket bound on 127.0.0.1 to an ephemeral port; listening or not.
+inline int bound_socket(bool listening, int& port) {
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a));
+    if (listening) ::listen(fd, 64);
+    socklen_t n = sizeof(a);
+    getsockname(fd, reinterpret_cast<sockaddr*>(&a), &n);
+    port = ntohs(a.sin_port);
+    return fd;
+}
+
+// A port that refuses connections for as long as the object lives: bound
+// but not listening, so neither a listener of another test nor a connect's
+// own source port (a self-connection) can take it.
 class RefusingPort {
 public:
-    RefusingPort() {
-        fd = ::socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a));
-        socklen_t n = sizeof(a);
-        getsockname(fd, reinterpret_cast<sockaddr*>(&a), &n);
-        port = ntohs(a.sin_port);
-    }
+    RefusingPort() : fd(bound_socket(false, port)) {}
     ~RefusingPort() { release(); }
     // Frees the port, for a listener to take it at once.
     void release() {
@@ -318,29 +333,19 @@ public:
         fd = -1;
     }
     std::string address() const { return "tcp://127.0.0.1:" + std::to_string(port); }
-    int fd;
     int port;
+    int fd;
 };
 
 // A listener that takes connections into its backlog and never answers:
 // a silent name server.
 class SilentServer {
 public:
-    SilentServer() {
-        fd = ::socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof(a));
-        ::listen(fd, 64);
-        socklen_t n = sizeof(a);
-        getsockname(fd, reinterpret_cast<sockaddr*>(&a), &n);
-        port = ntohs(a.sin_port);
-    }
+    SilentServer() : fd(bound_socket(true, port)) {}
     ~SilentServer() { ::close(fd); }
     std::string address() const { return "tcp://127.0.0.1:" + std::to_string(port); }
-    int fd;
     int port;
+    int fd;
 };
 
 }  // namespace test_front
