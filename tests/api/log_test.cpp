@@ -10,10 +10,12 @@
 #include <vector>
 
 #include "base/strings.h"
+#include "tests/api/dispatch_helpers.h"
 #include "tests/api/login_probe.h"
 #include "tests/api/test_front.h"
 
 using Api::LoginProbe;
+using Api::TradeApiProbe;
 using Api::ReplyPacket;
 
 namespace {
@@ -189,7 +191,7 @@ TEST_F(LoggedLogin, LogsThatCantBeOpenedAreOffAndTradingGoesOn) {
     EXPECT_EQ(LoginProbe::response_log(api), nullptr);
     start();
     log_in("pw");
-    EXPECT_TRUE(LoginProbe::logged_in(api));
+    EXPECT_TRUE(TradeApiProbe::logged_in(api));
     EXPECT_EQ(LoginProbe::sent(api).size(), 2u);
 
     // Reopening adds to a file, never truncates it.
@@ -205,14 +207,14 @@ TEST_F(LoggedLogin, AFullDiskOrARemovedFileDoesNotStopTrading) {
     ASSERT_EQ(api.OpenResponseLog(dir.file("gone.log").c_str()), 0);
     start();
     log_in("pw");
-    EXPECT_TRUE(LoginProbe::logged_in(api));
+    EXPECT_TRUE(TradeApiProbe::logged_in(api));
     ASSERT_EQ(std::remove(dir.file("gone.log").c_str()), 0);
     log_in("pw");
     ASSERT_EQ(api.OpenRequestLog(dir.file("gone.log").c_str()), 0);
     log_in("pw");
     ASSERT_EQ(std::remove(dir.file("gone.log").c_str()), 0);
     log_in("pw");
-    EXPECT_TRUE(LoginProbe::logged_in(api));
+    EXPECT_TRUE(TradeApiProbe::logged_in(api));
     EXPECT_EQ(LoginProbe::sent(api).size(), 8u);
 }
 

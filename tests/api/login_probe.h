@@ -149,31 +149,11 @@ struct LoginProbe {
     static int& crypt_value(TradeApi& api) { return api.init_crypt_value; }
     static bool crypt_ready(TradeApi& api) { return api.crypt_ready.load(); }
     static bool auth_ok(TradeApi& api) { return api.auth_ok.load(); }
-    static void set_auth_ok(TradeApi& api, bool value) { api.auth_ok.store(value); }
-    static bool logged_in(TradeApi& api) { return api.logged_in.load(); }
     static const char* app_id(TradeApi& api) { return api.app_id; }
-    static const char* trading_day(TradeApi& api) { return api.trading_day; }
     static const char* max_order_local_id(TradeApi& api) { return api.max_order_local_id; }
     static const char* participant_id(TradeApi& api) { return api.participant_id; }
     static const char* user_id(TradeApi& api) { return api.user_id; }
-    static int& data_center_id(TradeApi& api) { return api.data_center_id; }
-    static char* resume_day(TradeApi& api) { return api.resume_day; }
     static char* system_info(TradeApi& api) { return api.system_info; }
-    static TradeApi::FluxValue& trade_flux(TradeApi& api) { return api.trade_flux; }
-    static TradeApi::FluxValue& query_flux(TradeApi& api) { return api.query_flux; }
-    static bool& pending(TradeApi& api, int topic) {
-        return topic == 2 ? api.private_pending : topic == 3 ? api.public_pending : api.user_pending;
-    }
-    static TE_RESUME_TYPE& resume(TradeApi& api, int topic) {
-        return topic == 2 ? api.private_resume : topic == 3 ? api.public_resume : api.user_resume;
-    }
-    // A topic flow whose next id is count.
-    static void make_topic(TradeApi& api, int topic, unsigned long count) {
-        Network::QelcFlow*& flow = topic == 2 ? api.private_flow : topic == 3 ? api.public_flow : api.user_flow;
-        flow = new Network::QelcFlow(static_cast<unsigned short>(topic), 0x10000, 0x10000, nullptr, nullptr, 0,
-                                     nullptr, false, false);
-        flow->clear(count);
-    }
     static FILE* request_log(TradeApi& api) { return api.request_log; }
     static FILE* response_log(TradeApi& api) { return api.response_log; }
 };

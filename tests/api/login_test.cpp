@@ -17,10 +17,12 @@
 #include "cipher/sm2.h"
 #include "cipher/sm3.h"
 #include "containers/map.h"
+#include "tests/api/dispatch_helpers.h"
 #include "tests/api/login_probe.h"
 #include "tests/api/test_front.h"
 
 using Api::LoginProbe;
+using Api::TradeApiProbe;
 using Api::ReplyPacket;
 using Api::SentPacket;
 
@@ -288,20 +290,20 @@ TEST_F(Login, AuthenticationSendsTheCryptValueUnderTheAuthCode) {
 }
 
 TEST_F(Login, AuthenticationRepliesSetAndClearTheFlag) {
-    LoginProbe::trade_flux(api).sent = 1;
+    TradeApiProbe::trade_flux(api).sent = 1;
     QelProductAuthField auth = {};
     Base::str_ncpy(40, auth.AppID, "client_app");
     authenticated(ReplyPacket(24747, 5).add(info_of(0)).add(auth));
     EXPECT_TRUE(LoginProbe::auth_ok(api));
     EXPECT_STREQ(LoginProbe::app_id(api), "client_app");
-    EXPECT_EQ(LoginProbe::trade_flux(api).answered.load(), 1u);
+    EXPECT_EQ(TradeApiProbe::trade_flux(api).answered.load(), 1u);
     authenticated(ReplyPacket(24747, 6).add(info_of(77)));  // no record: dropped whole
     EXPECT_TRUE(LoginProbe::auth_ok(api));
     authenticated(ReplyPacket(24747, 7).add(info_of(77, "wrong code")).add(auth));
     EXPECT_FALSE(LoginProbe::auth_ok(api));
     EXPECT_STREQ(LoginProbe::app_id(api), "");
     // A reply beyond what was sent counts nothing.
-    EXPECT_EQ(LoginProbe::trade_flux(api).answered.load(), 1u);
+    EXPECT_EQ(TradeApiProbe::trade_flux(api).answered.load(), 1u);
     EXPECT_EQ(spi.auths, (std::vector<std::string>{"client_app/0", "client_app/77"}));
     EXPECT_EQ(spi.requests, (std::vector<int>{5, 7}));
 }
@@ -321,7 +323,7 @@ CTulmQelcReqUserLoginField login_request() {
 
 TEST_F(Login, LoginCarriesTheCallersFieldsWhenNoTopicWaits) {
     CTulmQelcReqUserLoginField request = login_request();
-    LoginProbe::resume_day(api)[0] = 0;
+    TradeApiProbe::resume_day(api)[0] = 0;
     long before = 0, after = 0;
     int ms = 0;
     Base::DateTime::get_now(before, ms);
@@ -362,15 +364,15 @@ TEST_F(Login, LoginCarriesTheCallersFieldsWhenNoTopicWaits) {
 }
 
 TEST_F(Login, WaitingTopicsBringTheirPositionsAndTheirDay) {
-    Base::str_ncpy(8, LoginProbe::resume_day(api), "20250101");
-    LoginProbe::data_center_id(api) = 7;
-    LoginProbe::make_topic(api, 2, 1234);
-    LoginProbe::make_topic(api, 3, 55);
-    LoginProbe::make_topic(api, 5, 99);
-    LoginProbe::resume(api, 2) = TE_RESUME_FROM_SAVED;
-    LoginProbe::resume(api, 3) = TE_RESUME_FROM_NOW;
-    LoginProbe::resume(api, 5) = TE_RESUME_FROM_START;
-    LoginProbe::pending(api, 5) = false;  // taken by a subscription already
+    Base::str_ncpy(8, TradeApiProbe::resume_day(api), "20250101");
+    TradeApiProbe::data_center_id(api) = 7;
+    TradeApiProbe::make_topic_flow(api, 2, 1234);
+    TradeApiProbe::make_topic_flow(api, 3, 55);
+    TradeApiProbe::make_topic_flow(api, 5, 99);
+    TradeApiProbe::resume(api, 2) = TE_RESUME_FROM_SAVED;
+    TradeApiProbe::resume(api, 3) = TE_RESUME_FROM_NOW;
+    TradeApiProbe::resume(api, 5) = TE_RESUME_FROM_START;
+    TradeApiProbe::pending(api, 5) = false;  // taken by a subscription already
     CTulmQelcReqUserLoginField request = login_request();
     LoginProbe::login(api, &request, 1);
     SentPacket packet = last_sent();
@@ -388,8 +390,8 @@ TEST_F(Login, WaitingTopicsBringTheirPositionsAndTheirDay) {
     EXPECT_EQ(second.SequenceNo, -1);  // from now, not yet positioned
 
     // Nothing waiting: the caller's day stands.
-    LoginProbe::pending(api, 2) = false;
-    LoginProbe::pending(api, 3) = false;
+    TradeApiProbe::pending(api, 2) = false;
+    TradeApiProbe::pending(api, 3) = false;
     LoginProbe::login(api, &request, 2);
     packet = last_sent();
     EXPECT_EQ(packet.ids, (std::vector<unsigned short>{10, 32776}));
@@ -438,55 +440,55 @@ QelUserCommFluxControlField limits_of(int a, int b, int c, int d) {
 }
 
 TEST_F(Login, LoginRefusedThenAccepted) {
-    Base::str_ncpy(8, LoginProbe::resume_day(api), "20250101");
-    LoginProbe::trade_flux(api).sent = 3;
+    Base::str_ncpy(8, TradeApiProbe::resume_day(api), "20250101");
+    TradeApiProbe::trade_flux(api).sent = 3;
     // refused: the state stays
     logged(ReplyPacket(4098, 1).add(info_of(60, "bad password")).add(login_reply_record("20250106", "trader01")));
-    EXPECT_FALSE(LoginProbe::logged_in(api));
-    EXPECT_STREQ(LoginProbe::trading_day(api), "");
+    EXPECT_FALSE(TradeApiProbe::logged_in(api));
+    EXPECT_STREQ(TradeApiProbe::trading_day(api), "");
     EXPECT_STREQ(LoginProbe::max_order_local_id(api), "");
-    EXPECT_EQ(LoginProbe::data_center_id(api), 0);
+    EXPECT_EQ(TradeApiProbe::data_center_id(api), 0);
     logged(ReplyPacket(4098, 2).add(info_of(60)));  // refused without the record: no call at all
     // accepted but without limits: dropped
     logged(ReplyPacket(4098, 3).add(info_of(0)).add(login_reply_record("20250106", "trader01")));
-    EXPECT_FALSE(LoginProbe::logged_in(api));
+    EXPECT_FALSE(TradeApiProbe::logged_in(api));
     EXPECT_EQ(spi.logins, std::vector<std::string>{"trader01/60"});
     logged(ReplyPacket(4098, 4).add(info_of(0)).add(limits_of(10, -5, 0, 200))
         .add(login_reply_record("20250106", "trader01")));
-    EXPECT_TRUE(LoginProbe::logged_in(api));
-    EXPECT_STREQ(LoginProbe::trading_day(api), "20250106");
+    EXPECT_TRUE(TradeApiProbe::logged_in(api));
+    EXPECT_STREQ(TradeApiProbe::trading_day(api), "20250106");
     EXPECT_STREQ(LoginProbe::max_order_local_id(api), "000000000042");
-    EXPECT_EQ(LoginProbe::data_center_id(api), 9);
+    EXPECT_EQ(TradeApiProbe::data_center_id(api), 9);
     EXPECT_STREQ(LoginProbe::participant_id(api), "PART01");
     EXPECT_STREQ(LoginProbe::user_id(api), "trader01");
-    EXPECT_STREQ(LoginProbe::resume_day(api), "20250101");  // the day of the positions stays
-    EXPECT_EQ(LoginProbe::trade_flux(api).max_per_second, 10u);
-    EXPECT_EQ(LoginProbe::trade_flux(api).max_on_way, 0u);
-    EXPECT_EQ(LoginProbe::query_flux(api).max_per_second, 0u);
-    EXPECT_EQ(LoginProbe::query_flux(api).max_on_way, 200u);
+    EXPECT_STREQ(TradeApiProbe::resume_day(api), "20250101");  // the day of the positions stays
+    EXPECT_EQ(TradeApiProbe::trade_flux(api).max_per_second, 10u);
+    EXPECT_EQ(TradeApiProbe::trade_flux(api).max_on_way, 0u);
+    EXPECT_EQ(TradeApiProbe::query_flux(api).max_per_second, 0u);
+    EXPECT_EQ(TradeApiProbe::query_flux(api).max_on_way, 200u);
     EXPECT_EQ(spi.logins, (std::vector<std::string>{"trader01/60", "trader01/0"}));
     EXPECT_EQ(spi.requests, (std::vector<int>{1, 4}));
-    EXPECT_EQ(LoginProbe::trade_flux(api).answered.load(), 2u);
+    EXPECT_EQ(TradeApiProbe::trade_flux(api).answered.load(), 2u);
 
     // A refused logout changes nothing; a good one ends the login.
     QelRspUserLogoutField logout = {};
     Base::str_ncpy(15, logout.UserID, "trader01");
     logged_out(ReplyPacket(4100, 5).add(info_of(8)).add(logout));
-    EXPECT_TRUE(LoginProbe::logged_in(api));
+    EXPECT_TRUE(TradeApiProbe::logged_in(api));
     logged_out(ReplyPacket(4100, 6).add(info_of(0)).add(logout));
-    EXPECT_FALSE(LoginProbe::logged_in(api));
+    EXPECT_FALSE(TradeApiProbe::logged_in(api));
     EXPECT_STREQ(LoginProbe::participant_id(api), "");
     EXPECT_STREQ(LoginProbe::user_id(api), "");
-    EXPECT_STREQ(LoginProbe::trading_day(api), "20250106");
+    EXPECT_STREQ(TradeApiProbe::trading_day(api), "20250106");
     EXPECT_EQ(spi.logouts, (std::vector<std::string>{"trader01/8", "trader01/0"}));
-    EXPECT_EQ(LoginProbe::trade_flux(api).answered.load(), 3u);  // never past sent
+    EXPECT_EQ(TradeApiProbe::trade_flux(api).answered.load(), 3u);  // never past sent
 }
 
 TEST_F(Login, ANullSpiStillLogsIn) {
     ReplyPacket reply(4098, 4);
     reply.add(info_of(0)).add(limits_of(1, 2, 3, 4)).add(login_reply_record("20250106", "u"));
     LoginProbe::login_reply(api, reply.commit(), nullptr);
-    EXPECT_TRUE(LoginProbe::logged_in(api));
+    EXPECT_TRUE(TradeApiProbe::logged_in(api));
 }
 
 // ---- through the wire: the trader started by Init against a test front ----
