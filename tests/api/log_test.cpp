@@ -131,9 +131,7 @@ protected:
         Base::str_ncpy(40, echoed.AppID, "desk_app");
         Base::str_ncpy(16, echoed.AuthCode, secret);
         QelRspInfoField info = {};
-        ReplyPacket auth_reply(24747, 1);
-        auth_reply.add(info).add(echoed);
-        LoginProbe::authenticate_reply(api, auth_reply.commit(), nullptr);
+        LoginProbe::authenticate_reply(api, ReplyPacket(24747, 1).add(info).add(echoed).commit(), nullptr);
 
         CTulmQelcReqUserLoginField login = {};
         Base::str_ncpy(15, login.UserID, "trader01");
@@ -145,9 +143,7 @@ protected:
         QelRspUserLoginField reply_record = {};
         Base::str_ncpy(8, reply_record.TradingDay, "20250106");
         Base::str_ncpy(15, reply_record.UserID, "trader01");
-        ReplyPacket login_reply(4098, 2);
-        login_reply.add(info).add(limits).add(reply_record);
-        LoginProbe::login_reply(api, login_reply.commit(), nullptr);
+        LoginProbe::login_reply(api, ReplyPacket(4098, 2).add(info).add(limits).add(reply_record).commit(), nullptr);
     }
 
     Parallel::FdReactor reactor{nullptr};

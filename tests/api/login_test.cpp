@@ -204,17 +204,6 @@ TEST_F(Login, EachKeyFormSettlesTheCipherAndReadiness) {
     ASSERT_EQ(LoginProbe::read_key(api, text.c_str(), type, key), 1);
     EXPECT_EQ(key, secret);
 
-    // Through the reply handler, each form ends ready.
-    for (int form = 0; form < 2; ++form) {
-        LoginProbe::key_request(api);
-        std::string key_text = form == 0 ? masked_key_text(LoginProbe::auth_text(api), 'B', secret)
-                                         : sealed_key_text(LoginProbe::auth_text(api), '3', &secret, 8);
-        ReplyPacket reply(24722, 0);
-        reply.add(info_of(0)).add(crypt_value_of(1000 + form)).add(key_text_of(key_text));
-        LoginProbe::crypt_reply(api, reply.commit(), &spi);
-        EXPECT_TRUE(LoginProbe::crypt_ready(api)) << form;
-        EXPECT_EQ(LoginProbe::crypt_value(api), 1000 + form);
-    }
     EXPECT_TRUE(spi.errors.empty());  // a good crypt reply tells the spi nothing
 }
 

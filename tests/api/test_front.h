@@ -1,17 +1,10 @@
-// A small front for the trader's tests: a Qelc server session on
-// 127.0.0.1 with an ephemeral port, on its own reactor.
-//
-// Each accepted connection gets fresh flows: the client's control (0) and
-// request (1) flows are received into flows whose write callback records
-// every frame with its arrival clock; the reply (1) and topic (2, 3, 5)
-// flows are sent from. By default the front answers the key request with
-// "0" (no cipher) and a login with a good reply carrying the limits in
-// `limits`; both can be switched off. With answer_requests it answers every
-// request with an RspError (packet 1) of its RequestId. send() puts any packet on any
-// subject of the latest connection, drop() closes every connection.
-//
-// Recording and answering run on the front's reactor thread; the getters
-// take a lock and may be called from any thread.
+// A small front for the trader's tests on 127.0.0.1, on its own reactor.
+// It records every frame of the client's flows 0 and 1 with its arrival
+// clock and sends on flows 1, 2, 3 and 5 of the latest connection. By
+// default it answers the key request with "0" (no cipher) and a login with
+// a good reply carrying `limits`; answer_requests answers every request
+// with an RspError. Recording and answering run on the front's reactor
+// thread; the getters take a lock and may be called from any thread.
 #pragma once
 
 #include <arpa/inet.h>
@@ -196,13 +189,7 @@ protected:
     };
 
     static int down_index(unsigned short subject) {
-        switch (subject) {
-        case 1: return 0;
-        case 2: return 1;
-        case 3: return 2;
-        case 5: return 3;
-        default: return -1;
-        }
+        return subject == 1 ? 0 : subject == 2 ? 1 : subject == 3 ? 2 : subject == 5 ? 3 : -1;
     }
 
     void on_client_created(Network::ClientSession* session) override {

@@ -52,13 +52,6 @@ void expect_no_early_warning(Spy& spy) {
 
 std::string address(int index) { return "tcp://127.0.0.1:" + std::to_string(17000 + index); }
 
-TEST(TradeApi, VersionComesFromTheBanner) {
-    int main_version = 0, build = 0;
-    EXPECT_STREQ(CTulmQelcTraderApi::GetVersion(main_version, build), "TULM QelTradeApi V2.00 202508.1826");
-    EXPECT_EQ(main_version, 202508);
-    EXPECT_EQ(build, 1826);
-}
-
 TEST(TradeApi, HeartbeatTimeoutIsClampedTo4Through181) {
     Api::TradeApi api("./", nullptr);
     EXPECT_EQ(api.get_heartbeat_timeout(), 10u);
