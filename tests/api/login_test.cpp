@@ -595,6 +595,9 @@ private:
     std::vector<int> disconnects, errors;
 };
 
+std::string wire_dir() { return test_front::temp_dir("login_"); }
+std::string read_text(const std::string& path) { return test_front::read_file(path); }
+
 // Connects, authenticates (with code) and logs in over a front of form;
 // true when the login reply came back good.
 bool log_in_over(KeyFront& front, WireSpi& spi, Api::TradeApi* api, const char* code) {
@@ -619,7 +622,7 @@ TEST(LoginWire, EachKeyFormCarriesTheLoginUnderItsCipher) {
         SCOPED_TRACE(form);
         KeyFront front(form);
         WireSpi spi;
-        std::string dir = test_front::temp_dir("login_");
+        std::string dir = wire_dir();
         auto* api = static_cast<Api::TradeApi*>(CTulmQelcTraderApi::CreateQelcTraderApi(dir.c_str()));
         api->RegisterSpi(&spi);
         ASSERT_EQ(api->RegisterFront(front.address().c_str()), 0);
@@ -646,7 +649,7 @@ TEST(LoginWire, EachKeyFormCarriesTheLoginUnderItsCipher) {
         EXPECT_STREQ(login.Password, "wire-secret");
         EXPECT_EQ(std::string(login.ProtocolInfo, 7), std::string("QELC 4\0", 7));
         EXPECT_TRUE(spi.get_disconnects().empty());
-        std::string log = test_front::read_file(dir + "response.log");
+        std::string log = read_text(dir + "response.log");
         EXPECT_NE(log.find(",OnRspAuthenticate,0,,AppID=\"wire_app\" AuthCode=\"\"\n"), std::string::npos) << log;
         EXPECT_NE(log.find(",OnRspUserLogin,0,,TradingDay=\"20260105\""), std::string::npos) << log;
         EXPECT_EQ(log.find("secret"), std::string::npos);
@@ -658,7 +661,7 @@ TEST(LoginWire, EachKeyFormCarriesTheLoginUnderItsCipher) {
 TEST(LoginWire, AWrongAuthCodeIsRefusedAndLoginWaitsForIt) {
     KeyFront front(KeyFront::MASKED);
     WireSpi spi;
-    auto* api = static_cast<Api::TradeApi*>(CTulmQelcTraderApi::CreateQelcTraderApi(test_front::temp_dir("login_").c_str()));
+    auto* api = static_cast<Api::TradeApi*>(CTulmQelcTraderApi::CreateQelcTraderApi(wire_dir().c_str()));
     api->RegisterSpi(&spi);
     ASSERT_EQ(api->RegisterFront(front.address().c_str()), 0);
     ASSERT_EQ(api->Init(), 0);
@@ -669,7 +672,7 @@ TEST(LoginWire, AWrongAuthCodeIsRefusedAndLoginWaitsForIt) {
     EXPECT_EQ(api->ReqUserLogin(&login, 3), -7);  // authentication asked for and failed
     EXPECT_EQ(api->Release(), 0);
     // No reactor thread is left to swap a response log: refused, not hung.
-    std::string path = test_front::temp_dir("login_") + "late.log";
+    std::string path = wire_dir() + "late.log";
     EXPECT_EQ(api->OpenResponseLog(path.c_str()), -4);
     EXPECT_EQ(api->Join(), 0);
 }
@@ -679,7 +682,7 @@ TEST(LoginWire, BadCryptRepliesCloseTheConnectionAndKeysAreExchangedAnew) {
         SCOPED_TRACE(form);
         KeyFront front(form);
         WireSpi spi;
-        auto* api = static_cast<Api::TradeApi*>(CTulmQelcTraderApi::CreateQelcTraderApi(test_front::temp_dir("login_").c_str()));
+        auto* api = static_cast<Api::TradeApi*>(CTulmQelcTraderApi::CreateQelcTraderApi(wire_dir().c_str()));
         api->RegisterSpi(&spi);
         ASSERT_EQ(api->RegisterFront(front.address().c_str()), 0);
         ASSERT_EQ(api->Init(), 0);
