@@ -106,20 +106,10 @@ TEST(TradeLog, LinesOfEachFormAreWhole) {
     EXPECT_EQ(lines[3], "OnRspQryOrder,0,,");
 }
 
-class LoggedLogin : public ::testing::Test {
+// The response log swaps at once only while the trader has no reactor:
+// each test opens the logs, then attaches.
+class LoggedLogin : public Api::LoginFixture {
 protected:
-    LoggedLogin() : api("./", &reactor) { running.create(true, nullptr); }
-    ~LoggedLogin() override {
-        if (started) LoginProbe::detach(api);
-        running.stop();
-        running.join();
-    }
-    // The response log swaps at once only while the trader has no reactor:
-    // open the logs, then start.
-    void start() {
-        LoginProbe::attach(api, &reactor, &running);
-        started = true;
-    }
 
     // An authentication and a login with secrets, and their good replies.
     void log_in(const char* secret) {
@@ -146,17 +136,13 @@ protected:
         LoginProbe::login_reply(api, ReplyPacket(4098, 2).add(info).add(limits).add(reply_record).commit(), nullptr);
     }
 
-    Parallel::FdReactor reactor{nullptr};
-    Parallel::FdReactor running{nullptr};
-    Api::TradeApi api;
     TempDir dir;
-    bool started = false;
 };
 
 TEST_F(LoggedLogin, NoSecretReachesALog) {
     ASSERT_EQ(api.OpenRequestLog(dir.file("request.log").c_str()), 0);
     ASSERT_EQ(api.OpenResponseLog(dir.file("response.log").c_str()), 0);
-    start();
+    attach();
     log_in("SECRET-16-CHARS!");
     std::string requests = test_front::read_file(dir.file("request.log"));
     std::string responses = test_front::read_file(dir.file("response.log"));
@@ -185,7 +171,7 @@ TEST_F(LoggedLogin, LogsThatCantBeOpenedAreOffAndTradingGoesOn) {
     EXPECT_EQ(LoginProbe::request_log(api), nullptr);  // the earlier file is closed, the log off
     EXPECT_EQ(api.OpenResponseLog("/nonexistent/qel/response.log"), -4);
     EXPECT_EQ(LoginProbe::response_log(api), nullptr);
-    start();
+    attach();
     log_in("pw");
     EXPECT_TRUE(TradeApiProbe::logged_in(api));
     EXPECT_EQ(LoginProbe::sent(api).size(), 2u);
@@ -201,7 +187,7 @@ TEST_F(LoggedLogin, LogsThatCantBeOpenedAreOffAndTradingGoesOn) {
 TEST_F(LoggedLogin, AFullDiskOrARemovedFileDoesNotStopTrading) {
     ASSERT_EQ(api.OpenRequestLog("/dev/full"), 0);
     ASSERT_EQ(api.OpenResponseLog(dir.file("gone.log").c_str()), 0);
-    start();
+    attach();
     log_in("pw");
     EXPECT_TRUE(TradeApiProbe::logged_in(api));
     ASSERT_EQ(std::remove(dir.file("gone.log").c_str()), 0);

@@ -158,4 +158,25 @@ struct LoginProbe {
     static FILE* response_log(TradeApi& api) { return api.response_log; }
 };
 
+// A trader whose login steps a test drives as its reactor thread would,
+// once attach() has built what they need.
+class LoginFixture : public ::testing::Test {
+protected:
+    LoginFixture() : api("./", &reactor) { running.create(true, nullptr); }
+    ~LoginFixture() override {
+        if (attached) LoginProbe::detach(api);
+        running.stop();
+        running.join();
+    }
+    void attach() {
+        LoginProbe::attach(api, &reactor, &running);
+        attached = true;
+    }
+
+    Parallel::FdReactor reactor{nullptr};
+    Parallel::FdReactor running{nullptr};
+    TradeApi api;
+    bool attached = false;
+};
+
 }  // namespace Api

@@ -28,24 +28,24 @@ using Api::SentPacket;
 
 namespace {
 
+// Each reply as "<user or application>/<error>", with the request ids.
 struct RecordingSpi : CTulmQelcTraderSpi {
-    void OnRspError(CTulmQelcRspInfoField* info, int request, bool last) override {
+    void note(std::vector<std::string>& list, const char* who, CTulmQelcRspInfoField* info, int request) {
+        list.push_back(std::string(who) + "/" + std::to_string(info->ErrorID));
+        if (&list != &logouts) requests.push_back(request);
+    }
+    void OnRspError(CTulmQelcRspInfoField* info, int request, bool) override {
         errors.push_back(info->ErrorID);
         requests.push_back(request);
     }
-    void OnRspAuthenticate(CTulmQelcProductAuthField* auth, CTulmQelcRspInfoField* info, int request,
-                           bool last) override {
-        auths.push_back(std::string(auth->AppID) + "/" + std::to_string(info->ErrorID));
-        requests.push_back(request);
+    void OnRspAuthenticate(CTulmQelcProductAuthField* auth, CTulmQelcRspInfoField* info, int request, bool) override {
+        note(auths, auth->AppID, info, request);
     }
-    void OnRspUserLogin(CTulmQelcRspUserLoginField* login, CTulmQelcRspInfoField* info, int request,
-                        bool last) override {
-        logins.push_back(std::string(login->UserID) + "/" + std::to_string(info->ErrorID));
-        requests.push_back(request);
+    void OnRspUserLogin(CTulmQelcRspUserLoginField* login, CTulmQelcRspInfoField* info, int request, bool) override {
+        note(logins, login->UserID, info, request);
     }
-    void OnRspUserLogout(CTulmQelcRspUserLogoutField* logout, CTulmQelcRspInfoField* info, int request,
-                         bool last) override {
-        logouts.push_back(std::string(logout->UserID) + "/" + std::to_string(info->ErrorID));
+    void OnRspUserLogout(CTulmQelcRspUserLogoutField* out, CTulmQelcRspInfoField* info, int request, bool) override {
+        note(logouts, out->UserID, info, request);
     }
     std::vector<int> errors, requests;
     std::vector<std::string> auths, logins, logouts;
@@ -106,24 +106,14 @@ std::string sealed_key_text(const char* auth_text, char type_digit, const void* 
     return std::string(1, type_digit) + hex(cipher.data(), cipher_length);
 }
 
-class Login : public ::testing::Test {
+class Login : public Api::LoginFixture {
 protected:
-    Login() : api("./", &reactor) {
-        running.create(true, nullptr);
-        LoginProbe::attach(api, &reactor, &running);
-    }
-    ~Login() override {
-        LoginProbe::detach(api);
-        running.stop();
-        running.join();
-    }
+    Login() { attach(); }
 
     // A key request, then the crypt reply with this key text.
     void exchange(const std::string& key_text, int crypt_value = 424242) {
         LoginProbe::key_request(api);
-        ReplyPacket reply(24722, 0);
-        reply.add(info_of(0)).add(crypt_value_of(crypt_value)).add(key_text_of(key_text));
-        LoginProbe::crypt_reply(api, reply.commit(), &spi);
+        crypt(ReplyPacket(24722, 0).add(info_of(0)).add(crypt_value_of(crypt_value)).add(key_text_of(key_text)));
     }
 
     void crypt(ReplyPacket& reply) { LoginProbe::crypt_reply(api, reply.commit(), &spi); }
@@ -137,9 +127,6 @@ protected:
         return packets.empty() ? SentPacket() : packets.back();
     }
 
-    Parallel::FdReactor reactor{nullptr};
-    Parallel::FdReactor running{nullptr};
-    Api::TradeApi api;
     RecordingSpi spi;
 };
 
