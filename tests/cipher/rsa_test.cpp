@@ -74,6 +74,8 @@ TEST(RsaTest, GeneratedKeyBlocksAndFailures)
     EXPECT_EQ(128, length);
     ASSERT_TRUE(rsa.encode_oaep(nullptr, length, message.data(), 87));
     EXPECT_EQ(256, length);
+    ASSERT_TRUE(rsa.encode_oaep(nullptr, length, message.data(), 0));
+    EXPECT_EQ(0, length);
 
     std::vector<char> c1(256), c2(256), back(256);
     ASSERT_TRUE(rsa.encode_oaep(c1.data(), length, message.data(), 87));
