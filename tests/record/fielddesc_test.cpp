@@ -208,27 +208,11 @@ TEST(FieldDesc, FillMember) {
     EXPECT_EQ(s[0], 0);
 }
 
-TEST(FieldDesc, VarFormsRoundTrip) {
+// The description's own var form, the blob of a catalogue dump, comes back
+// the same; a blob cut short is refused, never read past.
+TEST(FieldDesc, VarFormRoundTrip) {
     FieldDesc d(42, "SampleField");
     describe_sample(d);
-    Sample a{};
-    a.u8 = 200;
-    a.u16 = 40000;
-    a.i32 = -7;
-    a.fixed3 = 123456;
-    a.f64 = 0.25;
-    a.c = '1';
-    strcpy(a.text, "some text");
-    a.f32 = 3.5f;
-    unsigned char buf[256];
-    int n = d.to_var_stream(&a, buf, sizeof(buf));
-    EXPECT_EQ(n, 1 + 2 + 4 + 8 + 8 + 1 + 1 + 9 + 4);
-    Sample b;
-    memset(&b, 0x5A, sizeof(b));
-    EXPECT_EQ(d.from_var_stream(&b, buf, n), n);
-    EXPECT_TRUE(d.equal_field(&a, &b));
-
-    // The description's own var form: the dump blob.
     unsigned char blob[4096];
     int m = d.to_var_stream(blob, sizeof(blob));
     ASSERT_GT(m, 0);
@@ -237,6 +221,5 @@ TEST(FieldDesc, VarFormsRoundTrip) {
     EXPECT_TRUE(FieldDesc::is_same(&d, &e));
     EXPECT_EQ(e.id, 42);
     EXPECT_STREQ(e.name, "SampleField");
-    // A blob cut short is refused, never read past.
     for (int cut = 0; cut < m; cut += 7) EXPECT_EQ(e.from_var_stream(blob, cut), -1) << cut;
 }

@@ -10,7 +10,6 @@
 #include "text/csv.h"
 #include "record/fielddesc.h"
 #include "text/json.h"
-#include "record/gen/qelfield.h"
 #include "text/textformat.h"
 
 using Base::Csv;
@@ -271,16 +270,4 @@ TEST(FieldTextTest, JsonForms) {
     empty.to_json(file, r.record(), buffer, escaped, true);
     EXPECT_EQ(2, ftell(file));
     fclose(file);
-}
-
-TEST(FieldTextTest, CatalogueRecordLogLine) {
-    QelAccountDepositField deposit;
-    std::memset(&deposit, 0, sizeof deposit);
-    std::strcpy(deposit.Account, "A\"1");
-    deposit.Deposit = 1500;
-    const FieldDesc& desc = QelAccountDepositField::DESC;
-    EXPECT_EQ("SettlementGroupID=\"\" Account=\"A\"\"1\" Deposit=\"1.500\"",
-              written(desc, &deposit, true, false, true, nullptr));
-    deposit.Deposit = 9223372036854775807L;
-    EXPECT_EQ(",A\"1,", print(desc, &deposit, false, false, false, nullptr));
 }

@@ -33,7 +33,6 @@ const Json::Value* value_of(const Json& json, const char* name) {
 
 std::string output(const Json& json) {
     int length = json.output(static_cast<char*>(nullptr), 0);
-    std::string text(length, '?');
     std::vector<char> buffer(length + 1);
     EXPECT_EQ(length, json.output(buffer.data(), 0));
     return std::string(buffer.data(), length);
