@@ -163,13 +163,9 @@ TEST(MpintTest, ArithmeticMatchesOpenssl)
         // Larger minus smaller.
         bool a_big = mpi_cmp(a.data(), an, b.data(), bn) >= 0;
         EXPECT_EQ(a_big, BN_cmp(A.bn, B.bn) >= 0);
-        if (a_big) {
-            mpi_sub(r.data(), rn, a.data(), an, b.data(), bn);
-            BN_sub(R.bn, A.bn, B.bn);
-        } else {
-            mpi_sub(r.data(), rn, b.data(), bn, a.data(), an);
-            BN_sub(R.bn, B.bn, A.bn);
-        }
+        const Limbs &hi = a_big ? a : b, &lo = a_big ? b : a;
+        mpi_sub(r.data(), rn, hi.data(), (int)hi.size(), lo.data(), (int)lo.size());
+        BN_sub(R.bn, (a_big ? A : B).bn, (a_big ? B : A).bn);
         ASSERT_EQ(R.str(), hex(r.data(), rn));
 
         // Signed subtraction gives the sign.
