@@ -120,11 +120,7 @@ TEST(FieldDesc, KeysEqualityAndHash) {
     b.u16 = a.u16;
     b.f32 = a.f32 + 5e-7f;
     EXPECT_TRUE(d.equal_field(&a, &b));
-    // The key hash chains the members' hashes: an int over 4 bytes, a string over its length.
-    unsigned int h = FieldDesc::hash_member(B::DT_INT32, &a.i32, 0);
-    h = FieldDesc::hash_member(B::DT_FLOAT64, &a.f64, h);
-    h = B::Hash::calc(a.text, 6, h);
-    EXPECT_EQ(d.hash_key(&a), h);
+    EXPECT_EQ(d.hash_key(&a), d.hash_key(&b));  // bytes behind the terminator don't count
 }
 
 TEST(FieldDesc, NullRulesAndSetMember) {
