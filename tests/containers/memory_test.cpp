@@ -119,24 +119,6 @@ protected:
     Base::Memory memory{4096, 4096};
 };
 
-TEST_P(BlockMemBoth, FirstBlockDeferredAndCommit) {
-    Base::BlockMem mem(0, 64, 3, pool(), false);
-    char* a = static_cast<char*>(mem.alloc(100));  // first block: max(0, 100)
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(a) % 8, 0u);
-    char* b = static_cast<char*>(mem.alloc(1));  // does not fit: a new block
-    EXPECT_NE(b, a + 100);
-
-    // A large alloc, then commit of what was really used: the next piece
-    // continues right behind the committed end.
-    char* big = static_cast<char*>(mem.alloc(50));
-    mem.commit(big + 10);
-    EXPECT_EQ(mem.alloc(8), big + 10);
-    unsigned long first = 1, next = 1;
-    mem.get_size(first, next);
-    EXPECT_EQ(first, 0u);
-    EXPECT_EQ(next, 64u);
-}
-
 TEST_P(BlockMemBoth, OldestBlockIsReusedOnceWhollyFreed) {
     Base::BlockMem mem(64, 64, 3, pool(), false);
     char* p[4];

@@ -440,26 +440,4 @@ TEST(FdReactor, EnhancedModeRetiresQuietNotifiedDescriptors) {
     reactor->remove_fd(&quiet);
 }
 
-TEST(FdReactor, PlainModeKeepsQuietDescriptorsActive) {
-    Running reactor;
-    QuietFd quiet;
-    Parallel::FdNotify notify(reactor.reactor.get(), &quiet);
-    reactor->add_fd(&quiet);
-    ASSERT_TRUE(wait_until([&] { return quiet.writes.load() > 5; }));
-    notify.wakeup(true);
-    run_on(*reactor, [&] { EXPECT_TRUE(reactor->is_active(&quiet)); });
-    // Events 23 and 24 move a descriptor by hand; an unlinked one stays out.
-    run_on(*reactor, [&] {
-        reactor->on_event(Parallel::EVENT_RETIRE_FD, &quiet);
-        EXPECT_TRUE(reactor->is_retired(&quiet));
-        reactor->on_event(Parallel::EVENT_ACTIVATE_FD, &quiet);
-        EXPECT_TRUE(reactor->is_active(&quiet));
-    });
-    reactor->remove_fd(&quiet);
-    run_on(*reactor, [&] {
-        reactor->on_event(Parallel::EVENT_ACTIVATE_FD, &quiet);
-        EXPECT_FALSE(quiet.is_linked());
-    });
-}
-
 }  // namespace

@@ -142,22 +142,6 @@ TEST(Reactor, SignBlocksPosterAndSameThreadPostRunsAtOnce) {
     EXPECT_EQ(result, -1);
 }
 
-TEST(Reactor, EventWithoutSignToANappingReactorStillRuns) {
-    Running reactor;
-    std::atomic<int> ran{0};
-    struct Counter : Parallel::Handler {
-        std::atomic<int>* ran;
-        int on_event(int, void*) override {
-            ran->fetch_add(1);
-            return 0;
-        }
-    } counter;
-    counter.ran = &ran;
-    Base::Measure::sleep(30);  // the reactor is napping by now
-    reactor->add_event(1001, nullptr, nullptr, &counter, false);
-    EXPECT_TRUE(wait_until([&] { return ran.load() == 1; }));
-}
-
 void timers_fire_in_due_order(Mode mode) {
     ModeScope scope(mode);
     Running reactor;
@@ -414,27 +398,6 @@ TEST(Reactor, EnhancedModeParksQuietNotifiedHandlersAndNotifyBringsThemBack) {
     notify.wakeup(true);
     ASSERT_TRUE(wait_until([&] { return quiet.invoked.load() > before; }));
     reactor->remove_handler(&quiet);
-}
-
-TEST(Reactor, PlainModeNeverParksAndNotifyIsANoOp) {
-    Running reactor;
-    Poller quiet;
-    quiet.busy = false;
-    Parallel::HandlerNotify notify(reactor.reactor.get(), &quiet);
-    reactor->add_handler(&quiet);
-    ASSERT_TRUE(wait_until([&] { return quiet.invoked.load() > 5; }));
-    notify.wakeup(true);
-    run_on(*reactor, [&] { EXPECT_TRUE(reactor->is_active(&quiet)); });
-    reactor->remove_handler(&quiet);
-}
-
-TEST(Reactor, NotifyWithoutReactorIsItsOwnGroupAndDoesNothing) {
-    ModeScope scope({true, false});
-    Poller quiet;
-    Parallel::HandlerNotify alone(nullptr, &quiet);
-    EXPECT_EQ(alone.get_target(), &alone);
-    alone.wakeup(true);
-    EXPECT_EQ(quiet.invoked.load(), 0);
 }
 
 TEST(Reactor, DestructionReleasesPendingPostersAndFreesTimers) {

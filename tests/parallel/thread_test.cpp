@@ -71,16 +71,6 @@ TEST(Thread, UnnamedThreadPrintsNothingAndLongNamesAreCut) {
     EXPECT_EQ(std::string(cut.get_name()), long_name.substr(0, Parallel::Thread::NAME_SIZE - 1));
 }
 
-TEST(Thread, StopEndsAnEndlessLoop) {
-    // The default loop spins on running until the owner clears it.
-    Parallel::Thread idle(nullptr);
-    ASSERT_TRUE(idle.create(true, nullptr));
-    EXPECT_TRUE(idle.is_running());
-    idle.stop();
-    ASSERT_TRUE(idle.join());
-    EXPECT_FALSE(idle.is_running());
-}
-
 TEST(Thread, GeneralCpuSetIsUpperHalfButLast) {
     cpu_set_t set;
     CPU_SET(0, &set);
