@@ -112,5 +112,4 @@ TEST(Map, StringKeysPointerValuesAndOrder) {
     std::vector<void*> betas;
     for (Map::Iterator it(&map, "beta", false); !it.is_end();) betas.push_back(it.next());
     EXPECT_EQ(betas, (std::vector<void*>{&payload[0], &payload[1]}));
-
 }
