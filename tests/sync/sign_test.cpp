@@ -7,6 +7,8 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/data_file.h"
+
 namespace {
 
 TEST(Sign, CountsSignalsAndClears) {
@@ -35,12 +37,14 @@ TEST(Sign, CountsSignalsAndClears) {
 }
 
 TEST(Sign, DeadlineCarriesIntoSeconds) {
-    struct Case { timespec now; int ms; long sec, nsec; };
-    for (const Case& c : {Case{{5, 999000000}, 1, 6, 0}, Case{{5, 0}, 1999, 6, 999000000},
-                          Case{{5, 500000000}, 10500, 16, 0}}) {
-        timespec t = Base::add_milliseconds(c.now, c.ms);
-        EXPECT_EQ(t.tv_sec, c.sec);
-        EXPECT_EQ(t.tv_nsec, c.nsec);
+    using test_data::number;
+    auto rows = test_data::rows("sync/data/deadlines.txt");
+    ASSERT_EQ(rows.size(), 3u);
+    for (auto& r : rows) {
+        timespec now{time_t(number(r[0])), long(number(r[1]))};
+        timespec t = Base::add_milliseconds(now, int(number(r[2])));
+        EXPECT_EQ(t.tv_sec, time_t(number(r[3]))) << r[2];
+        EXPECT_EQ(t.tv_nsec, long(number(r[4]))) << r[2];
     }
 }
 
