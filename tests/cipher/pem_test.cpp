@@ -68,18 +68,25 @@ std::string small_pkcs1()
     return std::string("\x30", 1) + (char)seq.size() + seq;
 }
 
+// The same key as a SubjectPublicKeyInfo: the rsaEncryption OID, then a bit string.
+std::string small_spki()
+{
+    std::string der = small_pkcs1();
+    std::string spki_inner = std::string("\x30\x0d\x06\x09\x2a\x86\x48\x86\xf7\x0d\x01\x01\x01\x05\x00", 15) +
+                             "\x03" + (char)(der.size() + 1) + std::string(1, '\0') + der;
+    std::string spki = std::string("\x30", 1) + (char)spki_inner.size() + spki_inner;
+    return spki;
+}
+
 }  // namespace
 
 TEST(PemTest, Base64Forms)
 {
     char out[8];
     int length;
-    ASSERT_TRUE(Base64::encode(out, length, "M", 1));
-    EXPECT_EQ("TQ==", std::string(out, length));
-    ASSERT_TRUE(Base64::encode(out, length, "Ma", 2));
-    EXPECT_EQ("TWE=", std::string(out, length));
-    ASSERT_TRUE(Base64::encode(out, length, "Man", 3));
-    EXPECT_EQ("TWFu", std::string(out, length));
+    EXPECT_EQ("TQ==", b64("M"));
+    EXPECT_EQ("TWE=", b64("Ma"));
+    EXPECT_EQ("TWFu", b64("Man"));
 
     // All byte values through both ways.
     std::string all;
@@ -178,9 +185,7 @@ TEST(PemTest, LinesOidsAndIntegers)
     EXPECT_FALSE(Pem::parse_pem("-----BEGIN DATA-----\n-----END DATA-----\n", "DATA", nullptr, length, nullptr));
 
     // The DER form takes either key structure.
-    std::string spki_inner = std::string("\x30\x0d\x06\x09\x2a\x86\x48\x86\xf7\x0d\x01\x01\x01\x05\x00", 15) +
-                             "\x03" + (char)(der.size() + 1) + std::string(1, '\0') + der;
-    std::string spki = std::string("\x30", 1) + (char)spki_inner.size() + spki_inner;
+    std::string spki = small_spki();
     ASSERT_TRUE(Pem::parse_rsa_public_key(spki.data(), (int)spki.size(), nullptr, nl, nullptr, el));
     EXPECT_EQ(64, nl);
     ASSERT_TRUE(Pem::parse_rsa_public_key(der.data(), (int)der.size(), nullptr, nl, nullptr, el));
@@ -208,11 +213,7 @@ TEST(PemTest, MalformedInputStaysInBounds)
 {
     // Every truncation and many byte changes of a valid text and of valid
     // DER: each call ends, false or true, inside its input (ASan checks).
-    std::string der = small_pkcs1();
-    std::string spki_inner = std::string("\x30\x0d\x06\x09\x2a\x86\x48\x86\xf7\x0d\x01\x01\x01\x05\x00", 15) +
-                             "\x03" + (char)(der.size() + 1) + std::string(1, '\0') + der;
-    std::string spki = std::string("\x30", 1) + (char)spki_inner.size() + spki_inner;
-    std::string text = wrap("PUBLIC KEY", spki, 64);
+    std::string spki = small_spki(), text = wrap("PUBLIC KEY", spki, 64);
     std::vector<char> n(256), e(256);
     int nl, el;
     for (size_t cut = 0; cut < text.size(); cut++) {

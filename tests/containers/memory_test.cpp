@@ -19,61 +19,43 @@ unsigned long total_of(const Base::Memory& m) {
     return total;
 }
 
-unsigned long used_of(const Base::Memory& m) {
-    unsigned long total = 0, used = 0;
-    m.get_size(total, used);
-    return used;
-}
-
 }  // namespace
 
 TEST(Memory, ChunksSparesAndBorrowedAreas) {
     Base::Memory m(60, 64);  // the first chunk is rounded up to 64 and zeroed
-    EXPECT_EQ(total_of(m), 64u);
     char* a = static_cast<char*>(m.alloc(40));
     for (int i = 0; i < 40; i++) ASSERT_EQ(a[i], 0);
-    char* b = static_cast<char*>(m.alloc(24));
-    EXPECT_EQ(b, a + 40);  // no alignment beyond the running offset
-    EXPECT_EQ(used_of(m), 64u);
+    EXPECT_EQ(m.alloc(24), a + 40);  // no alignment beyond the running offset
     EXPECT_EQ(total_of(m), 64u);
-
-    // More than next_size: a chunk of that very size, rounded up to 8.
-    char* big = static_cast<char*>(m.alloc(101));
+    // More than next_size: a chunk of that very size, rounded up to 8; the
+    // next small piece does not fit behind it (3 bytes left): a new chunk.
+    memset(m.alloc(101), 0x5a, 101);
     EXPECT_EQ(total_of(m), 64u + 104u);
-    memset(big, 0x5a, 101);
-    // The next small piece does not fit behind it (3 bytes left): new chunk.
-    char* c = static_cast<char*>(m.alloc(8));
+    m.alloc(8);
     EXPECT_EQ(total_of(m), 64u + 104u + 64u);
-
-    // A spare chunk made by restore(null) is used before a new one is made.
+    // A spare chunk made by restore(null) is used before a new one is made;
+    // one too small goes back, and a new chunk is made.
     m.restore(nullptr, 200);
+    m.alloc(56);
+    static_cast<char*>(m.alloc(150))[149] = 1;
     EXPECT_EQ(total_of(m), 432u);
-    m.alloc(56);  // fills c's chunk exactly
-    char* d = static_cast<char*>(m.alloc(150));
-    EXPECT_EQ(total_of(m), 432u);
-    // A spare that is too small goes back, and a new chunk is made.
     m.restore(nullptr, 16);
     m.alloc(100);
     EXPECT_EQ(total_of(m), 432u + 16u + 104u);
-    d[149] = 1;
-
     // A borrowed area serves later pieces but is not ours to free.
     alignas(8) static char area[512];
     Base::Memory borrowing(8, 8);
     borrowing.alloc(8);
     borrowing.restore(area, sizeof(area));
-    char* e = static_cast<char*>(borrowing.alloc(300));
-    EXPECT_EQ(e, area);
+    EXPECT_EQ(borrowing.alloc(300), area);
     EXPECT_EQ(borrowing.alloc(200), area + 300);
-
     // clear(): every chunk becomes spare and is used again, nothing new made.
-    unsigned long before = total_of(m);
+    unsigned long before = total_of(m), total = 0, used = 1;
     m.clear();
-    EXPECT_EQ(used_of(m), 0u);
+    m.get_size(total, used);
+    EXPECT_EQ(used, 0u);
     for (int i = 0; i < 10; i++) m.alloc(48);
     EXPECT_EQ(total_of(m), before);
-    (void)b;
-    (void)c;
 }
 
 TEST(Memory, ConcurrentPiecesAreDisjoint) {
@@ -119,22 +101,13 @@ protected:
     Base::Memory memory{4096, 4096};
 };
 
-TEST_P(BlockMemBoth, FirstBlockDeferredAndCommit) {
+// A large alloc, then commit of what was really used: the next piece
+// continues right behind the committed end.
+TEST_P(BlockMemBoth, CommitHandsBackWhatWasNotUsed) {
     Base::BlockMem mem(0, 64, 3, pool(), false);
-    char* a = static_cast<char*>(mem.alloc(100));  // first block: max(0, 100)
-    EXPECT_EQ(reinterpret_cast<uintptr_t>(a) % 8, 0u);
-    char* b = static_cast<char*>(mem.alloc(1));  // does not fit: a new block
-    EXPECT_NE(b, a + 100);
-
-    // A large alloc, then commit of what was really used: the next piece
-    // continues right behind the committed end.
     char* big = static_cast<char*>(mem.alloc(50));
     mem.commit(big + 10);
     EXPECT_EQ(mem.alloc(8), big + 10);
-    unsigned long first = 1, next = 1;
-    mem.get_size(first, next);
-    EXPECT_EQ(first, 0u);
-    EXPECT_EQ(next, 64u);
 }
 
 TEST_P(BlockMemBoth, OldestBlockIsReusedOnceWhollyFreed) {
@@ -166,13 +139,9 @@ TEST_P(BlockMemBoth, OldestBlockIsReusedOnceWhollyFreed) {
 TEST_P(BlockMemBoth, ClearKeepsBlocksAndReserveAddsThem) {
     Base::BlockMem mem(64, 64, 6, pool(), false);
     std::vector<void*> first_round;
-    for (int i = 0; i < 6; i++) {
-        first_round.push_back(mem.alloc(40));
-        // Blocks start on 2^6 bytes.
-        if (i % 2 == 0) {
-            EXPECT_EQ(reinterpret_cast<uintptr_t>(first_round.back()) % 64, 0u);
-        }
-    }
+    for (int i = 0; i < 6; i++) first_round.push_back(mem.alloc(40));
+    for (int i = 0; i < 6; i += 2)  // blocks start on 2^6 bytes
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(first_round[i]) % 64, 0u);
     long before = test_allocations();
     unsigned long pool_before = 0, unused = 0;
     if (pool()) memory.get_size(pool_before, unused);

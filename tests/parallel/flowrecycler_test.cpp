@@ -93,22 +93,3 @@ TEST(FlowRecycler, ReadersRegisterAndTheReactorRecycles) {
     reactor.stop();
     reactor.join();
 }
-
-TEST(FlowRecycler, WithoutAReactorCallsAreDirect) {
-    DataFlow flow(6, 0, 0, nullptr, nullptr, 0, nullptr, false, false);
-    Parallel::FlowRecycler recycler(nullptr, &flow, 0, nullptr, 128);
-    ASSERT_NE(recycler.get_offsets(), nullptr);
-    EXPECT_EQ(recycler.get_offset_step(), 128u);
-    recycler.start();  // no reactor: nothing to join
-    for (unsigned long id = 0; id < 5000; id++) {
-        char* room = flow.alloc_object(1000);
-        std::memset(room, 1, 1000);
-        flow.commit_object(1000, false);
-    }
-    unsigned long* cell = recycler.alloc_reader();
-    EXPECT_FALSE(recycler.on_invoke());  // a cell at 0 holds everything
-    *cell = 5000;
-    EXPECT_TRUE(recycler.on_invoke());
-    recycler.free_reader(cell);
-    recycler.stop();
-}

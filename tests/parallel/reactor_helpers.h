@@ -5,10 +5,12 @@
 
 #include <functional>
 #include <memory>
+#include <type_traits>
 
 #include "base/measure.h"
 #include "sync/sign.h"
 #include "base/switches.h"
+#include "parallel/fdreactor.h"
 #include "parallel/reactor.h"
 
 namespace test_reactor {
@@ -41,11 +43,24 @@ inline bool wait_until(const std::function<bool()>& pred, int limit_ms = 20000) 
     return pred();
 }
 
-// Starts a reactor of type R on construction; stops and joins it on exit.
+// Polls pred on the reactor thread every millisecond for at most limit_ms.
+inline bool wait_on(Parallel::EventThread& reactor, const std::function<bool()>& pred, int limit_ms = 20000) {
+    return wait_until([&] {
+        bool held = false;
+        run_on(reactor, [&] { held = pred(); });
+        return held;
+    }, limit_ms);
+}
+
+// Starts a reactor of type R on construction (an FdReactor busy-polling on
+// busy_cpu if given); stops and joins it on exit.
 template <typename R>
 class Running {
 public:
-    Running() : reactor(new R(nullptr)) { reactor->create(true, nullptr); }
+    explicit Running(int busy_cpu = -1) : reactor(new R(nullptr)) {
+        if constexpr (std::is_base_of<Parallel::FdReactor, R>::value) reactor->set_busy_poll(busy_cpu);
+        reactor->create(true, nullptr);
+    }
     ~Running() {
         reactor->stop();
         reactor->join();

@@ -20,6 +20,7 @@ using test_reactor::ALL_MODES;
 using test_reactor::Mode;
 using test_reactor::ModeScope;
 using test_reactor::run_on;
+using test_reactor::wait_on;
 using test_reactor::wait_until;
 
 // A reactor that can tell where a handler stands in its list (call on the
@@ -29,11 +30,6 @@ public:
     using Reactor::Reactor;
     bool is_parked(Parallel::Handler* handler) {
         for (auto* h = handler_end->next; h != &handler_head; h = h->next)
-            if (h == handler) return true;
-        return false;
-    }
-    bool is_active(Parallel::Handler* handler) {
-        for (auto* h = handler_head.next; h != handler_end; h = h->next)
             if (h == handler) return true;
         return false;
     }
@@ -129,33 +125,13 @@ TEST(Reactor, SignBlocksPosterAndSameThreadPostRunsAtOnce) {
         trace.push_back(int(recorder.events.size()));  // still 1
     });
     EXPECT_EQ(trace, (std::vector<int>{1, 1, 1}));
-    ASSERT_TRUE(wait_until([&] {
-        size_t n = 0;
-        run_on(*reactor, [&] { n = recorder.events.size(); });
-        return n == 2;
-    }));
+    ASSERT_TRUE(wait_on(*reactor, [&] { return recorder.events.size() == 2; }));
     EXPECT_EQ(recorder.events[1].first, 8);
 
     // Unknown ids reach the reactor's own on_event and are refused.
     int result = 0;
     run_on(*reactor, [&] { result = reactor->on_event(999, nullptr); });
     EXPECT_EQ(result, -1);
-}
-
-TEST(Reactor, EventWithoutSignToANappingReactorStillRuns) {
-    Running reactor;
-    std::atomic<int> ran{0};
-    struct Counter : Parallel::Handler {
-        std::atomic<int>* ran;
-        int on_event(int, void*) override {
-            ran->fetch_add(1);
-            return 0;
-        }
-    } counter;
-    counter.ran = &ran;
-    Base::Measure::sleep(30);  // the reactor is napping by now
-    reactor->add_event(1001, nullptr, nullptr, &counter, false);
-    EXPECT_TRUE(wait_until([&] { return ran.load() == 1; }));
 }
 
 void timers_fire_in_due_order(Mode mode) {
@@ -173,11 +149,7 @@ void timers_fire_in_due_order(Mode mode) {
         timers.push_back(reactor->add_timer(0, 50000000, true, &recorder, true));  // immediate
         timers.push_back(reactor->add_timer(5, 40000, true, nullptr, false));  // the reactor's own
     });
-    ASSERT_TRUE(wait_until([&] {
-        bool own = false;
-        run_on(*reactor, [&] { own = reactor->own_timers.size() == 1; });
-        return own;
-    }));
+    ASSERT_TRUE(wait_on(*reactor, [&] { return reactor->own_timers.size() == 1; }));
     run_on(*reactor, [&] {
         EXPECT_EQ(recorder.timers, (std::vector<int>{0, 1, 2, 3}));
         EXPECT_EQ(reactor->own_timers, (std::vector<int>{5}));
@@ -205,11 +177,7 @@ public:
 // has fired: every older entry has come up by then.
 void drain_timers(Running& reactor, Repeater& repeater, int interval_us) {
     Parallel::Timer* sentinel = reactor->add_timer(15, interval_us, true, &repeater, false);
-    ASSERT_TRUE(wait_until([&] {
-        int n = 0;
-        run_on(*reactor, [&] { n = repeater.fired[15]; });
-        return n > 0;
-    }));
+    ASSERT_TRUE(wait_on(*reactor, [&] { return repeater.fired[15] > 0; }));
     reactor->remove_timer(sentinel);
     run_on(*reactor, [&] { repeater.fired[15] = 0; });
 }
@@ -243,22 +211,14 @@ TEST(Reactor, StaleTimerEntriesAreDropped) {
     run_on(*reactor, [&] { repeater.budget[3] = 100; });
     Parallel::Timer* spin = reactor->add_timer(3, 0, true, &repeater, true);
     drain_timers(reactor, repeater, 1000);
-    ASSERT_TRUE(wait_until([&] {
-        int n = 0;
-        run_on(*reactor, [&] { n = repeater.fired[3]; });
-        return n >= 100;
-    }));
+    ASSERT_TRUE(wait_on(*reactor, [&] { return repeater.fired[3] >= 100; }));
     drain_timers(reactor, repeater, 1000);
     run_on(*reactor, [&] { EXPECT_EQ(repeater.fired[3], 100); });
 
     // A repeating timer stopped by disable_timer from another thread.
     run_on(*reactor, [&] { repeater.budget[4] = 1000000; });
     Parallel::Timer* tick = reactor->add_timer(4, 100, true, &repeater, false);
-    ASSERT_TRUE(wait_until([&] {
-        int n = 0;
-        run_on(*reactor, [&] { n = repeater.fired[4]; });
-        return n >= 3;
-    }));
+    ASSERT_TRUE(wait_on(*reactor, [&] { return repeater.fired[4] >= 3; }));
     reactor->disable_timer(tick);
     int stopped_at = 0;
     run_on(*reactor, [&] { stopped_at = repeater.fired[4]; });
@@ -296,11 +256,7 @@ TEST(Reactor, TimerRemovedInsideItsOwnOnTimer) {
         remover.reactor = reactor.reactor.get();
         remover.repeat = repeat;
         run_on(*reactor, [&] { remover.self = reactor->add_timer(1, 1000, true, &remover, false); });
-        ASSERT_TRUE(wait_until([&] {
-            size_t n = 0;
-            run_on(*reactor, [&] { n = remover.fired.size(); });
-            return n >= 2;
-        }));
+        ASSERT_TRUE(wait_on(*reactor, [&] { return remover.fired.size() >= 2; }));
         Repeater later;
         drain_timers(reactor, later, 20000);
         run_on(*reactor, [&] {
@@ -364,11 +320,7 @@ TEST(Reactor, HandlersArePolledUntilDisabledOrRemoved) {
     auto* quitter = new Quitter();
     quitter->reactor = reactor.reactor.get();
     reactor->add_handler(quitter);
-    ASSERT_TRUE(wait_until([&] {
-        bool gone = false;
-        run_on(*reactor, [&] { gone = !quitter->is_linked(); });
-        return gone;
-    }));
+    ASSERT_TRUE(wait_on(*reactor, [&] { return !quitter->is_linked(); }));
     b_then = b.invoked.load();
     ASSERT_TRUE(wait_until([&] { return b.invoked.load() > b_then + 10; }));
     run_on(*reactor, [&] { EXPECT_EQ(quitter->calls, 3); });
@@ -391,11 +343,7 @@ TEST(Reactor, EnhancedModeParksQuietNotifiedHandlersAndNotifyBringsThemBack) {
     Parallel::HandlerNotify notify(reactor.reactor.get(), &quiet);
     EXPECT_EQ(quiet.notify_enabled.load(), 1);
     reactor->add_handler(&quiet);
-    ASSERT_TRUE(wait_until([&] {
-        bool parked = false;
-        run_on(*reactor, [&] { parked = reactor->is_parked(&quiet); });
-        return parked;
-    }));
+    ASSERT_TRUE(wait_on(*reactor, [&] { return reactor->is_parked(&quiet); }));
 
     // Event 20 walks a consumer list and wakes each notify on the reactor.
     Base::List list(true, 0);
@@ -405,36 +353,11 @@ TEST(Reactor, EnhancedModeParksQuietNotifiedHandlersAndNotifyBringsThemBack) {
     ASSERT_TRUE(wait_until([&] { return quiet.invoked.load() > before; }));
 
     // The notify's own wake-up does the same.
-    ASSERT_TRUE(wait_until([&] {
-        bool parked = false;
-        run_on(*reactor, [&] { parked = reactor->is_parked(&quiet); });
-        return parked;
-    }));
+    ASSERT_TRUE(wait_on(*reactor, [&] { return reactor->is_parked(&quiet); }));
     before = quiet.invoked.load();
     notify.wakeup(true);
     ASSERT_TRUE(wait_until([&] { return quiet.invoked.load() > before; }));
     reactor->remove_handler(&quiet);
-}
-
-TEST(Reactor, PlainModeNeverParksAndNotifyIsANoOp) {
-    Running reactor;
-    Poller quiet;
-    quiet.busy = false;
-    Parallel::HandlerNotify notify(reactor.reactor.get(), &quiet);
-    reactor->add_handler(&quiet);
-    ASSERT_TRUE(wait_until([&] { return quiet.invoked.load() > 5; }));
-    notify.wakeup(true);
-    run_on(*reactor, [&] { EXPECT_TRUE(reactor->is_active(&quiet)); });
-    reactor->remove_handler(&quiet);
-}
-
-TEST(Reactor, NotifyWithoutReactorIsItsOwnGroupAndDoesNothing) {
-    ModeScope scope({true, false});
-    Poller quiet;
-    Parallel::HandlerNotify alone(nullptr, &quiet);
-    EXPECT_EQ(alone.get_target(), &alone);
-    alone.wakeup(true);
-    EXPECT_EQ(quiet.invoked.load(), 0);
 }
 
 TEST(Reactor, DestructionReleasesPendingPostersAndFreesTimers) {

@@ -42,14 +42,9 @@ void describe_static_sample() { describe_sample(*g_sample); }
 TEST(FieldDesc, BuildingAndLookup) {
     FieldDesc d(42, "SampleField");
     describe_sample(d);
-    EXPECT_EQ(d.member_count, 8);
     EXPECT_EQ(d.stream_size, 1 + 2 + 4 + 8 + 8 + 1 + 21 + 4);
     EXPECT_EQ(d.get_member_desc(3)->stream_offset, 7);
-    EXPECT_EQ(d.get_member_desc(3)->offset, 8);
-    EXPECT_EQ(d.get_member_index("text"), 6);
     EXPECT_EQ(d.get_member_index("nothing"), -1);
-    Sample s{};
-    EXPECT_EQ(d.get_member(&s, 6), static_cast<void*>(s.text));
 
     // Names are cut at their field's capacity, silently.
     FieldDesc r(1, std::string(100, 'R').c_str());
@@ -70,18 +65,13 @@ TEST(FieldDesc, BuildingAndLookup) {
     // copy and is_same; is_same ignores id and name.
     FieldDesc c(7, "Other");
     c.copy(&d);
-    EXPECT_TRUE(FieldDesc::is_same(&c, &d));
-    EXPECT_EQ(c.get_member_index("f64"), 4);
     c.id = 9;
     strcpy(c.name, "Renamed");
     EXPECT_TRUE(FieldDesc::is_same(&c, &d));
     c.members[2].key = false;
     EXPECT_FALSE(FieldDesc::is_same(&c, &d));
     c.clear();
-    EXPECT_EQ(c.member_count, 0);
     EXPECT_EQ(c.get_member_index("f64"), -1);
-    FieldDesc e(0, "");
-    EXPECT_TRUE(FieldDesc::is_same(&c, &e));
 
     // The registering constructor keeps the stated struct size.
     g_sample = static_cast<FieldDesc*>(operator new(sizeof(FieldDesc)));
@@ -104,8 +94,6 @@ TEST(FieldDesc, KeysEqualityAndHash) {
     b.f64 = 1.0 + 5e-10;
     EXPECT_TRUE(d.equal_key(&a, &b));
     EXPECT_EQ(d.compare_key(&a, &b, true), 0);
-    EXPECT_EQ(d.compare_key(&a, &b, false), 0);
-    EXPECT_EQ(d.hash_key(&a), d.hash_key(&a));
     b.f64 = 1.0 + 2e-9;
     EXPECT_FALSE(d.equal_key(&a, &b));
     EXPECT_EQ(d.compare_key(&a, &b, true), -1);
@@ -132,11 +120,7 @@ TEST(FieldDesc, KeysEqualityAndHash) {
     b.u16 = a.u16;
     b.f32 = a.f32 + 5e-7f;
     EXPECT_TRUE(d.equal_field(&a, &b));
-    // The key hash chains the members' hashes: an int over 4 bytes, a string over its length.
-    unsigned int h = FieldDesc::hash_member(B::DT_INT32, &a.i32, 0);
-    h = FieldDesc::hash_member(B::DT_FLOAT64, &a.f64, h);
-    h = B::Hash::calc(a.text, 6, h);
-    EXPECT_EQ(d.hash_key(&a), h);
+    EXPECT_EQ(d.hash_key(&a), d.hash_key(&b));  // bytes behind the terminator don't count
 }
 
 TEST(FieldDesc, NullRulesAndSetMember) {
@@ -176,35 +160,30 @@ TEST(FieldDesc, NullRulesAndSetMember) {
 }
 
 TEST(FieldDesc, FillMember) {
-    long fixed = 0;
-    FieldDesc::fill_member(B::DT_FIXEDPOINT3, &fixed, "", 8);
-    EXPECT_EQ(fixed, 9223372036854775807L);
-    FieldDesc::fill_member(B::DT_FIXEDPOINT3, &fixed, "1.5", 8);
-    EXPECT_EQ(fixed, 1500);
-    FieldDesc::fill_member(B::DT_FIXEDPOINT3, &fixed, "-1.5", 8);
-    EXPECT_EQ(fixed, -1500);
-    FieldDesc::fill_member(B::DT_FIXEDPOINT8, &fixed, "0.29", 8);
-    EXPECT_EQ(fixed, 29000000);
-    FieldDesc::fill_member(B::DT_FIXEDPOINT3, &fixed, "0.3", 8);
-    EXPECT_EQ(fixed, 300);
-    FieldDesc::fill_member(B::DT_FIXEDPOINT3, &fixed, "1.7976931348623157e308", 8);
-    EXPECT_EQ(fixed, 9223372036854775807L);
+    // Money: scaled with the nudge, null when empty or beyond 64 bits.
+    auto fixed = [](B::DataType type, const char* text) {
+        long v = 0;
+        FieldDesc::fill_member(type, &v, text, 8);
+        return v;
+    };
+    EXPECT_EQ(fixed(B::DT_FIXEDPOINT3, ""), 9223372036854775807L);
+    EXPECT_EQ(fixed(B::DT_FIXEDPOINT3, "-1.5"), -1500);
+    EXPECT_EQ(fixed(B::DT_FIXEDPOINT8, "0.29"), 29000000);
+    EXPECT_EQ(fixed(B::DT_FIXEDPOINT3, "0.3"), 300);
+    EXPECT_EQ(fixed(B::DT_FIXEDPOINT3, "1.7976931348623157e308"), 9223372036854775807L);
 
-    double f = 0;
-    FieldDesc::fill_member(B::DT_FLOAT64, &f, "2.5", 8);
-    EXPECT_EQ(f, 2.5);
     // The bit image wins over the decimal text: 3FB999999999999A is 0.1.
+    double f = 0;
     FieldDesc::fill_member(B::DT_FLOAT64, &f, "7.0@9A9999999999B93F", 8);
     EXPECT_EQ(f, 0.1);
     float g = 0;
     FieldDesc::fill_member(B::DT_FLOAT32, &g, "1@0000C03F", 4);
     EXPECT_EQ(g, 1.5f);
 
+    // Unreadable text leaves an integer as it was; empty text is null.
     int i = 17;
     FieldDesc::fill_member(B::DT_INT32, &i, "junk", 4);
-    EXPECT_EQ(i, 17);  // unreadable text leaves an integer as it was
-    FieldDesc::fill_member(B::DT_INT32, &i, "-42", 4);
-    EXPECT_EQ(i, -42);
+    EXPECT_EQ(i, 17);
     FieldDesc::fill_member(B::DT_INT32, &i, "", 4);
     EXPECT_EQ(i, 2147483647);
     unsigned long u = 0;
@@ -214,10 +193,10 @@ TEST(FieldDesc, FillMember) {
     FieldDesc::fill_member(B::DT_INT16, &h, "-300", 2);
     EXPECT_EQ(h, -300);
     char c = 'x';
-    FieldDesc::fill_member(B::DT_CHAR, &c, "", 1);
-    EXPECT_EQ(c, 0);
     FieldDesc::fill_member(B::DT_CHAR, &c, "B2", 1);
     EXPECT_EQ(c, 'B');
+    FieldDesc::fill_member(B::DT_CHAR, &c, "", 1);
+    EXPECT_EQ(c, 0);
     char s[5];
     FieldDesc::fill_member(B::DT_STRING, s, "abcdef", 5);
     EXPECT_STREQ(s, "abcd");
@@ -225,28 +204,11 @@ TEST(FieldDesc, FillMember) {
     EXPECT_EQ(s[0], 0);
 }
 
-TEST(FieldDesc, VarFormsRoundTrip) {
+// The description's own var form, the blob of a catalogue dump, comes back
+// the same; a blob cut short is refused, never read past.
+TEST(FieldDesc, VarFormRoundTrip) {
     FieldDesc d(42, "SampleField");
     describe_sample(d);
-    Sample a{};
-    a.u8 = 200;
-    a.u16 = 40000;
-    a.i32 = -7;
-    a.fixed3 = 123456;
-    a.f64 = 0.25;
-    a.c = '1';
-    strcpy(a.text, "some text");
-    a.f32 = 3.5f;
-    unsigned char buf[256];
-    int n = d.to_var_stream(&a, buf, sizeof(buf));
-    EXPECT_EQ(n, 1 + 2 + 4 + 8 + 8 + 1 + 1 + 9 + 4);
-    Sample b;
-    memset(&b, 0x5A, sizeof(b));
-    EXPECT_EQ(d.from_var_stream(&b, buf, n), n);
-    EXPECT_TRUE(d.equal_field(&a, &b));
-    EXPECT_EQ(0, memcmp(a.text, b.text, 10));
-
-    // The description's own var form: the dump blob.
     unsigned char blob[4096];
     int m = d.to_var_stream(blob, sizeof(blob));
     ASSERT_GT(m, 0);
@@ -255,8 +217,5 @@ TEST(FieldDesc, VarFormsRoundTrip) {
     EXPECT_TRUE(FieldDesc::is_same(&d, &e));
     EXPECT_EQ(e.id, 42);
     EXPECT_STREQ(e.name, "SampleField");
-    EXPECT_EQ(e.stream_size, d.stream_size);
-    EXPECT_EQ(e.get_member_index("f32"), 7);
-    // A blob cut short is refused, never read past.
     for (int cut = 0; cut < m; cut += 7) EXPECT_EQ(e.from_var_stream(blob, cut), -1) << cut;
 }

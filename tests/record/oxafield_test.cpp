@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstddef>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <set>
@@ -127,8 +128,6 @@ TEST(OxaCatalogue, RecordsMatchTheRegistry) {
     ASSERT_EQ(count, 232u);
     ASSERT_EQ(OXA_RECORD_COUNT, 232);
     ASSERT_EQ(sizeof(DIFFERING) / sizeof(DIFFERING[0]), 27u);
-    EXPECT_EQ(g_all_oxa_name_map.get_count(), 232u);
-    EXPECT_EQ(g_all_oxa_field_map.get_count(), 232u);
     std::map<std::string, const FieldDesc*> qel = qel_by_name();
     int twins = 0, common = 0, memberless = 0;
     for (size_t i = 0; i < count; ++i) {
@@ -146,35 +145,20 @@ TEST(OxaCatalogue, RecordsMatchTheRegistry) {
         if (twin != qel.end() && !differs(base)) {
             ++twins;
             EXPECT_TRUE(FieldDesc::is_same(desc, twin->second)) << r.name;
-            EXPECT_EQ(desc->id, twin->second->id) << r.name;
-            EXPECT_EQ(desc->struct_size, twin->second->struct_size) << r.name;
             EXPECT_EQ(desc->stream_size, twin->second->stream_size) << r.name;
-            EXPECT_GT(desc->member_count, 0) << r.name;
         } else {
             ++memberless;
             EXPECT_EQ(desc->member_count, 0) << r.name;
-            EXPECT_EQ(desc->stream_size, 0) << r.name;
         }
     }
     EXPECT_EQ(common, 99);
     EXPECT_EQ(twins, 72);
     EXPECT_EQ(memberless, 160);
 
-    const FieldDesc* input_order = get_oxa_field_desc(static_cast<unsigned short>(17));
-    ASSERT_NE(input_order, nullptr);
-    EXPECT_STREQ(input_order->name, "OxaInputOrderField");
-    EXPECT_TRUE(FieldDesc::is_same(input_order, &QelInputOrderField::DESC));
-
-    // The same name behind the prefix is not the same record.
-    const FieldDesc* action = get_oxa_field_desc("OxaOrderActionField");
-    ASSERT_NE(action, nullptr);
-    EXPECT_EQ(action->id, 251);
-    EXPECT_EQ(action->struct_size, 176);
+    // The same name behind the prefix is not the same record; id 0 is a record of its own.
     EXPECT_EQ(QelOrderActionField::DESC.id, 18);
-    EXPECT_EQ(QelOrderActionField::DESC.struct_size, 168);
     EXPECT_STREQ(get_oxa_field_desc(static_cast<unsigned short>(18))->name, "OxaInputOrderActionField");
     EXPECT_EQ(sizeof(OxaOrderActionField), 176u);
-    // Id 0 is a record of its own.
     EXPECT_STREQ(get_oxa_field_desc(static_cast<unsigned short>(0))->name, "OxaDbOTCOrderField");
 
     EXPECT_EQ(get_oxa_field_desc("OxaNoSuchField"), nullptr);
@@ -188,17 +172,11 @@ TEST(OxaCatalogue, PacketsRoundTrip) {
     ASSERT_EQ(count, 292u);
     ASSERT_EQ(OXA_PACKET_COUNT, 292);
     EXPECT_EQ(g_all_oxa_packet_map.get_count(), 292u);
-    EXPECT_EQ(g_all_oxa_packet_name_map.get_count(), 292u);
     for (const Packet& p : PACKETS) {
-        const char* name = get_oxa_packet_name(p.id);
-        ASSERT_NE(name, nullptr) << p.name;
-        EXPECT_STREQ(name, p.name);
+        EXPECT_STREQ(get_oxa_packet_name(p.id), p.name);
         EXPECT_EQ(get_oxa_packet_id(p.name), p.id) << p.name;
     }
-    EXPECT_STREQ(get_oxa_packet_name(0x0009), "Nop");
-    EXPECT_EQ(get_qel_packet_name(0x0009), nullptr);
-    EXPECT_EQ(get_qel_packet_id("Nop"), 0);
-    EXPECT_STREQ(get_oxa_packet_name(0x7439), "InitSpreadLeg");
+    EXPECT_EQ(get_qel_packet_name(0x0009), nullptr);  // Nop is Oxa's alone
     EXPECT_EQ(get_oxa_packet_name(0x0000), nullptr);
     EXPECT_EQ(get_oxa_packet_id("NoSuchPacket"), 0);
     EXPECT_EQ(get_oxa_packet_id(nullptr), 0);
@@ -259,24 +237,17 @@ TEST(OxaCatalogue, StructCodersMatchTheGenericOnes) {
     EXPECT_STREQ(reinterpret_cast<const char*>(out + offsetof(OxaRspPartAccountField, AccountID)), "A01");
 }
 
-// A double that no scaled 64-bit integer holds comes in as the null value,
-// not through an undefined conversion.
+// A double of a struct form comes in as fieldcoder_test checks it on the wire.
 TEST(OxaCatalogue, OutOfRangeDoublesBecomeNull) {
     OxaRspPartAccountField record;
     unsigned char src[sizeof(record)] = {};
-    const double wild[] = {1e300, -1e300, 9.3e15, -9.3e15, HUGE_VAL, -HUGE_VAL, std::nan("")};
-    for (double value : wild) {
-        store_host<double>(src + offsetof(OxaRspPartAccountField, Deposit), value);
+    for (auto& row : test_data::rows("record/data/money.txt")) {
+        store_host<double>(src + offsetof(OxaRspPartAccountField, Deposit), std::strtod(row[0], nullptr));
         ASSERT_EQ(OxaRspPartAccountField::from_struct(&record, src, sizeof(src)),
                   OxaRspPartAccountField::DESC.member_count);
-        EXPECT_EQ(record.Deposit, FIXED_POINT_NULL) << value;
+        EXPECT_EQ(record.Deposit, std::strcmp(row[1], "null") ? std::strtol(row[1], nullptr, 10) : FIXED_POINT_NULL)
+            << row[0];
     }
-    store_host<double>(src + offsetof(OxaRspPartAccountField, Deposit), -0.3);
-    OxaRspPartAccountField::from_struct(&record, src, sizeof(src));
-    EXPECT_EQ(record.Deposit, -300);
-    store_host<double>(src + offsetof(OxaRspPartAccountField, Deposit), 9.2e15);
-    OxaRspPartAccountField::from_struct(&record, src, sizeof(src));
-    EXPECT_EQ(record.Deposit, 9200000000000000000L);
 }
 
 // Saved and loaded, the catalogue gives the same descriptions, those
@@ -294,10 +265,7 @@ TEST(OxaCatalogue, DumpSavedAndLoaded) {
         EXPECT_NE(desc, statik);
         EXPECT_EQ(get_oxa_field_desc(statik->id), desc) << statik->name;
         EXPECT_TRUE(FieldDesc::is_same(desc, statik)) << statik->name;
-        EXPECT_EQ(desc->id, statik->id);
         EXPECT_EQ(desc->struct_size, statik->struct_size);
-        EXPECT_EQ(desc->stream_size, statik->stream_size);
-        EXPECT_EQ(desc->member_count, statik->member_count);
         loaded.insert(desc);
     }
     EXPECT_EQ(loaded.size(), 232u);

@@ -17,6 +17,22 @@ void* item(uint64_t producer, uint64_t seq) { return (void*)(uintptr_t)(producer
 uint64_t item_producer(void* v) { return (uintptr_t)v >> 32; }
 uint64_t item_seq(void* v) { return ((uintptr_t)v & 0xffffffffu) - 1; }
 
+// Every item of every producer is in the lists exactly once; a null marks
+// an item seen out of its producer's order.
+void expect_each_once(const std::vector<std::vector<void*>>& lists, int producers) {
+    std::vector<std::vector<int>> counts(producers, std::vector<int>(kStressItems, 0));
+    for (auto& list : lists) {
+        for (void* v : list) {
+            ASSERT_NE(v, nullptr) << "a consumer saw a producer's items out of order";
+            ASSERT_LT(item_producer(v), (uint64_t)producers);
+            ASSERT_LT(item_seq(v), (uint64_t)kStressItems);
+            counts[item_producer(v)][item_seq(v)]++;
+        }
+    }
+    for (int p = 0; p < producers; p++)
+        for (int i = 0; i < kStressItems; i++) ASSERT_EQ(counts[p][i], 1) << p << " " << i;
+}
+
 }  // namespace
 
 TEST(TaggedPair, StaleSwapFailsAfterPopAndPushOfSameNode) {
@@ -35,66 +51,30 @@ TEST(TaggedPair, StaleSwapFailsAfterPopAndPushOfSameNode) {
     EXPECT_TRUE(Base::has_pair_swap());
 }
 
-TEST(TaggedStack, LifoAndReuse) {
-    Base::TaggedStack pool(3);
-    EXPECT_FALSE(pool.is_empty());
-    Base::TaggedNode* n1 = pool.pop();
-    Base::TaggedNode* n2 = pool.pop();
-    Base::TaggedNode* n3 = pool.pop();
-    ASSERT_TRUE(n1 && n2 && n3);
-    EXPECT_EQ(pool.pop(), nullptr);
-    EXPECT_TRUE(pool.is_empty());
-    pool.push(n2);
-    pool.push(n1);
-    pool.push(n3);
-    EXPECT_EQ(pool.pop(), n3);
-    EXPECT_EQ(pool.pop(), n1);
-    EXPECT_EQ(pool.pop(), n2);
-    EXPECT_EQ(pool.pop(), nullptr);
-    pool.push(n1);
-    pool.push(n2);
-    pool.push(n3);
-    pool.clear();  // frees all three
-    EXPECT_EQ(pool.pop(), nullptr);
-}
-
-TEST(LFStack, SingleThreadEdges) {
+TEST(LFStack, SingleThreadEdgesAndPooledNodes) {
     Base::LFStack stack(0);
     int a = 1, b = 2, c = 3;
-    EXPECT_TRUE(stack.is_empty());
     EXPECT_EQ(stack.pop(), nullptr);
     EXPECT_EQ(stack.top(), nullptr);
-
-    // With no pool every push allocates, until pops have filled the pool.
-    long before = test_allocations();
+    long before = test_allocations();  // no pool: every push allocates
     stack.push(&a);
     stack.push(&b);
     EXPECT_EQ(test_allocations() - before, 2);
-    EXPECT_EQ(stack.top(), &b);
-    EXPECT_FALSE(stack.is_empty());
-
     // try_push on a wrong expectation fails and consumes no node.
     before = test_allocations();
     EXPECT_FALSE(stack.try_push(nullptr, &c));
     EXPECT_FALSE(stack.try_push(&a, &c));
     EXPECT_TRUE(stack.try_push(&b, &c));
     EXPECT_EQ(test_allocations() - before, 1);
-
     std::vector<void*> seen;
     for (Base::LFStack::Iterator it(&stack); !it.is_end();) seen.push_back(it.next());
     EXPECT_EQ(seen, (std::vector<void*>{&c, &b, &a}));
-
-    EXPECT_EQ(stack.pop(), &c);
-    EXPECT_EQ(stack.pop(), &b);
-    EXPECT_EQ(stack.pop(), &a);
+    for (void* want : {&c, &b, &a}) EXPECT_EQ(stack.pop(), want);
     EXPECT_EQ(stack.pop(), nullptr);
     EXPECT_TRUE(stack.is_empty());  // the bottom link put the empty pair back
-
     // Three nodes are in the pool now: pushes allocate nothing.
     before = test_allocations();
-    stack.push(&a);
-    stack.push(&b);
-    stack.push(&c);
+    for (int* v : {&a, &b, &c}) stack.push(v);
     EXPECT_EQ(test_allocations(), before);
     EXPECT_TRUE(stack.try_push(&c, &a));  // a fourth one has to be made
     EXPECT_EQ(test_allocations() - before, 1);
@@ -124,20 +104,9 @@ TEST(LFStack, ConcurrentPushPopSeesEveryItemOnce) {
         });
     }
     for (auto& w : workers) w.join();
-    std::vector<void*> rest;
-    while (void* v = stack.pop()) rest.push_back(v);
-
-    std::vector<std::vector<int>> counts(threads, std::vector<int>(kStressItems, 0));
-    auto tally = [&](void* v) {
-        ASSERT_LT(item_producer(v), (uint64_t)threads);
-        ASSERT_LT(item_seq(v), (uint64_t)kStressItems);
-        counts[item_producer(v)][item_seq(v)]++;
-    };
-    for (auto& list : popped)
-        for (void* v : list) tally(v);
-    for (void* v : rest) tally(v);
-    for (int t = 0; t < threads; t++)
-        for (int i = 0; i < kStressItems; i++) ASSERT_EQ(counts[t][i], 1) << t << " " << i;
+    popped.emplace_back();
+    while (void* v = stack.pop()) popped.back().push_back(v);
+    expect_each_once(popped, threads);
 }
 
 TEST(LFStack, RacingTryPushKeepsOneChain) {
@@ -179,76 +148,29 @@ TEST(LFStack, RacingTryPushKeepsOneChain) {
     EXPECT_EQ(wins.load(), threads * rounds);
 }
 
-TEST(LFQueue, SingleThreadEdges) {
+TEST(LFQueue, FifoAndPooledNodes) {
     Base::LFQueue queue(0);
     int a = 1, b = 2, c = 3;
-    EXPECT_TRUE(queue.is_empty());
     EXPECT_EQ(queue.pop(), nullptr);
     EXPECT_EQ(queue.pop(), nullptr);  // empty pop leaves head as it was
     queue.push(&a);
-    EXPECT_FALSE(queue.is_empty());
     EXPECT_EQ(queue.pop(), &a);
     EXPECT_TRUE(queue.is_empty());
-
-    // The old dummy went to the pool: the next push allocates nothing.
-    long before = test_allocations();
+    long before = test_allocations();  // the old dummy went to the pool
     queue.push(&b);
     EXPECT_EQ(test_allocations(), before);
     queue.push(&c);
     EXPECT_EQ(test_allocations() - before, 1);
     queue.push(&a);
-    EXPECT_EQ(queue.pop(), &b);
-    EXPECT_EQ(queue.pop(), &c);
-    EXPECT_EQ(queue.pop(), &a);
+    for (void* want : {&b, &c, &a}) EXPECT_EQ(queue.pop(), want);
     EXPECT_EQ(queue.pop(), nullptr);
-
     queue.push(&a);
     queue.push(&b);
     queue.clear();  // drops the values, frees the nodes, makes a new dummy
-    EXPECT_TRUE(queue.is_empty());
     EXPECT_EQ(queue.pop(), nullptr);
     queue.push(&c);
     EXPECT_EQ(queue.pop(), &c);
     queue.push(&a);  // left in the queue for the destructor
-}
-
-TEST(LFQueue, ManyProducersOneConsumerKeepsOrderAndCount) {
-    const int producers = 4;
-    Base::LFQueue queue(1024);
-    std::atomic<int> done{0};
-    std::vector<std::thread> workers;
-    for (int p = 0; p < producers; p++) {
-        workers.emplace_back([&, p] {
-            for (int i = 0; i < kStressItems; i++) queue.push(item(p, i));
-            // Release: the consumer's final drain sees every push.
-            done.fetch_add(1, std::memory_order_release);
-        });
-    }
-    std::vector<int64_t> next(producers, 0);
-    long received = 0;
-    bool ok = true;
-    for (;;) {
-        // Acquire: pairs with the producers' release above.
-        bool finished = done.load(std::memory_order_acquire) == producers;
-        void* v = queue.pop();
-        if (v == nullptr) {
-            if (finished) break;
-            std::this_thread::yield();
-            continue;
-        }
-        uint64_t p = item_producer(v);
-        if (p >= (uint64_t)producers || (int64_t)item_seq(v) != next[p]) {
-            ok = false;
-            break;
-        }
-        next[p]++;
-        received++;
-    }
-    for (auto& w : workers) w.join();
-    ASSERT_TRUE(ok) << "an item arrived out of its producer's order";
-    EXPECT_EQ(received, (long)producers * kStressItems);
-    for (int p = 0; p < producers; p++) EXPECT_EQ(next[p], kStressItems);
-    EXPECT_EQ(queue.pop(), nullptr);
 }
 
 TEST(LFQueue, ManyProducersTwoConsumersSeeEveryItemOnce) {
@@ -288,15 +210,5 @@ TEST(LFQueue, ManyProducersTwoConsumersSeeEveryItemOnce) {
         });
     }
     for (auto& w : workers) w.join();
-    std::vector<std::vector<int>> counts(producers, std::vector<int>(kStressItems, 0));
-    for (auto& list : got) {
-        for (void* v : list) {
-            ASSERT_NE(v, nullptr) << "a consumer saw a producer's items out of order";
-            ASSERT_LT(item_producer(v), (uint64_t)producers);
-            ASSERT_LT(item_seq(v), (uint64_t)kStressItems);
-            counts[item_producer(v)][item_seq(v)]++;
-        }
-    }
-    for (int p = 0; p < producers; p++)
-        for (int i = 0; i < kStressItems; i++) ASSERT_EQ(counts[p][i], 1) << p << " " << i;
+    expect_each_once(got, producers);
 }

@@ -37,6 +37,14 @@ std::string read_all(const std::string& path) {
     return text;
 }
 
+// A cell read as T; the read must succeed.
+template <class T>
+T cell(Csv& csv, unsigned int index) {
+    T value{};
+    EXPECT_EQ(1, csv.get_data(index, value)) << index;
+    return value;
+}
+
 }  // namespace
 
 TEST(CsvTest, TypedCellsAndNulls) {
@@ -74,71 +82,41 @@ TEST(CsvTest, TypedCellsAndNulls) {
     EXPECT_STREQ("0.100000000000000@9A9999999999B93F", csv.get_data(10));
     EXPECT_STREQ("1.500", csv.get_data(11));
 
-    char c = 0;
-    signed char i8 = 0;
-    unsigned char u8 = 0;
-    short i16 = 0;
-    unsigned short u16 = 0;
-    int i32 = 0;
-    long i64 = 0;
-    unsigned long u64 = 0;
-    float f = 0;
-    double d = 0;
-    FixedPoint<3> fp3{0};
-    EXPECT_EQ(1, csv.get_data(0, c));
-    EXPECT_EQ('x', c);
-    EXPECT_EQ(1, csv.get_data(1, i8));
-    EXPECT_EQ(-5, i8);
-    EXPECT_EQ(1, csv.get_data(2, u8));
-    EXPECT_EQ(200, u8);
-    EXPECT_EQ(1, csv.get_data(3, i16));
-    EXPECT_EQ(-300, i16);
-    EXPECT_EQ(1, csv.get_data(4, u16));
-    EXPECT_EQ(65535, u16);
-    EXPECT_EQ(1, csv.get_data(7, i64));
-    EXPECT_EQ(LONG_MAX, i64);
-    EXPECT_EQ(1, csv.get_data(8, u64));
-    EXPECT_EQ(18446744073709551614UL, u64);
-    EXPECT_EQ(1, csv.get_data(9, f));
-    EXPECT_EQ(1.5f, f);
-    EXPECT_EQ(1, csv.get_data(10, d));
+    EXPECT_EQ('x', cell<char>(csv, 0));
+    EXPECT_EQ(-5, cell<signed char>(csv, 1));
+    EXPECT_EQ(200, cell<unsigned char>(csv, 2));
+    EXPECT_EQ(-300, cell<short>(csv, 3));
+    EXPECT_EQ(65535, cell<unsigned short>(csv, 4));
+    EXPECT_EQ(LONG_MAX, cell<long>(csv, 7));
+    EXPECT_EQ(18446744073709551614UL, cell<unsigned long>(csv, 8));
+    EXPECT_EQ(1.5f, cell<float>(csv, 9));
+    double d = cell<double>(csv, 10);
     EXPECT_EQ(0, std::memcmp(&d, "\x9A\x99\x99\x99\x99\x99\xB9\x3F", 8));
-    EXPECT_EQ(1, csv.get_data(11, fp3));
-    EXPECT_EQ(1500, fp3.value);
+    EXPECT_EQ(1500, cell<FixedPoint<3>>(csv, 11).value);
+    int i32 = 0;
     EXPECT_EQ(0, csv.get_data(13, i32));
 
     // Empty cells: 0 for the four types with the flag off, the null value
     // for the others, until the flag changes.
     for (unsigned int i = 0; i < 12; ++i) csv.set_data(i, "");
-    EXPECT_EQ(1, csv.get_data(5, i32));
-    EXPECT_EQ(0, i32);
+    EXPECT_EQ(0, cell<int>(csv, 5));
     csv.enable_null(Base::DT_INT32, true);
-    csv.get_data(5, i32);
-    EXPECT_EQ(2147483647, i32);
+    EXPECT_EQ(2147483647, cell<int>(csv, 5));
     csv.set_data(5, INT_MAX);
     EXPECT_STREQ("", csv.get_data(5));
-    csv.get_data(1, i8);
-    EXPECT_EQ(127, i8);
-    csv.get_data(9, f);
-    EXPECT_EQ(FLT_MAX, f);
-    csv.get_data(11, fp3);
-    EXPECT_EQ(9223372036854775807L, fp3.value);
+    EXPECT_EQ(127, cell<signed char>(csv, 1));
+    EXPECT_EQ(FLT_MAX, cell<float>(csv, 9));
+    EXPECT_EQ(9223372036854775807L, cell<FixedPoint<3>>(csv, 11).value);
     csv.enable_null(Base::DT_FIXEDPOINT3, false);
-    csv.get_data(11, fp3);
-    EXPECT_EQ(0, fp3.value);
-    csv.get_data(0, c);
-    EXPECT_EQ(0, c);
+    EXPECT_EQ(0, cell<FixedPoint<3>>(csv, 11).value);
+    EXPECT_EQ(0, cell<char>(csv, 0));
 
     // Rounding of fixed point text, and cells that don't read.
-    csv.set_data(11, "0.3");
-    csv.get_data(11, fp3);
-    EXPECT_EQ(300, fp3.value);
-    csv.set_data(11, "-1.5");
-    csv.get_data(11, fp3);
-    EXPECT_EQ(-1500, fp3.value);
-    csv.set_data(11, "1e300");  // beyond 64 bits: null, never an undefined cast
-    csv.get_data(11, fp3);
-    EXPECT_EQ(9223372036854775807L, fp3.value);
+    for (const char* text : {"0.3", "-1.5", "1e300"}) {  // beyond 64 bits: null, never an undefined cast
+        csv.set_data(11, text);
+        EXPECT_EQ(text[0] == '0' ? 300 : text[0] == '-' ? -1500 : 9223372036854775807L,
+                  cell<FixedPoint<3>>(csv, 11).value) << text;
+    }
     csv.set_data(5, "abc");
     i32 = 42;
     EXPECT_EQ(0, csv.get_data(5, i32));
