@@ -215,25 +215,3 @@ TEST(FrontFaults, EachEndsWithItsReason) {
     f.silent_after = 3;
     EXPECT_EQ(ends_with(f, 4).at(0), Network::REASON_SILENT);
 }
-
-// Sliced, stalled and delayed output loses nothing and keeps the order.
-TEST(FrontFaults, SlicedStalledAndDelayedLoseNothing) {
-    for (int which = 0; which < 3; ++which) {
-        SCOPED_TRACE(which);
-        Front::Config config = quiet_config();
-        if (which == 0) config.faults.slice = 61;
-        if (which == 1) config.faults.stall_ms = 300;
-        if (which == 2) config.faults.delay_ms = 50;
-        Front::Server front(config);
-        ASSERT_TRUE(front.start());
-        Client c(front.get_port());
-        ASSERT_TRUE(log_in(c, "trader1", "pass1", 0, 0));
-        for (int i = 1; i <= 8; ++i) c.send(4101, unsigned(i), 1, order("trader1", std::to_string(i).c_str(), '0', 4000, 1));
-        ASSERT_TRUE(c.wait_for(20482, 8, 2, 20000));
-        EXPECT_EQ(private_orders(c), "1:13 2:23 3:33 4:43 5:53 6:63 7:73 8:83 ");
-        std::vector<Got> rsp = c.of(4102);
-        ASSERT_EQ(rsp.size(), 8u);
-        for (unsigned i = 0; i < 8; ++i) EXPECT_EQ(rsp[i].request, i + 1);
-        EXPECT_TRUE(c.get_reasons().empty());
-    }
-}
