@@ -67,8 +67,7 @@ TEST(FrontQueries, AnswerFromStateInChains) {
     Client a(front.get_port()), b(front.get_port());
     ASSERT_TRUE(log_in(a, "trader1", "pass1", 0, 0));
     ASSERT_TRUE(log_in(b, "trader2", "pass2", 0, 0));
-    QelQryInstrumentField qi;
-    memset(&qi, 0, sizeof(qi));
+    QelQryInstrumentField qi{};
     a.send(16399, 5, 1, qi);
     ASSERT_TRUE(wait_until([&] {
         std::vector<Got> v = a.of(16400);
@@ -87,14 +86,11 @@ TEST(FrontQueries, AnswerFromStateInChains) {
     a.send(4101, 6, 1, order("trader1", "1", '0', 4000, 5, "qe2700"));
     b.send(4101, 7, 1, order("trader2", "1", '1', 4000, 2, "qe2700"));
     ASSERT_TRUE(b.wait_for(20481, 1, 2));
-    QelQryOrderField qo;
-    memset(&qo, 0, sizeof(qo));
+    QelQryOrderField qo{};
     a.send(16387, 8, 1, qo);
-    QelQryClientPositionField qp;
-    memset(&qp, 0, sizeof(qp));
+    QelQryClientPositionField qp{};
     a.send(16397, 9, 1, qp);
-    QelQryPartAccountField qa;
-    memset(&qa, 0, sizeof(qa));
+    QelQryPartAccountField qa{};
     a.send(16385, 10, 1, qa);
     ASSERT_TRUE(a.wait_for(16388, 1) && a.wait_for(16398, 1) && a.wait_for(16386, 1));
     QelOrderField o;
