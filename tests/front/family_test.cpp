@@ -21,8 +21,7 @@ TEST(FrontFamily, QuotesExercisesDemandsAndPasswords) {
     c.login("trader1", "pass1", 1);
     ASSERT_TRUE(c.wait_for(22785, 1));
 
-    QelInputQuoteField quote;
-    memset(&quote, 0, sizeof(quote));
+    QelInputQuoteField quote{};
     strcpy(quote.UserID, "trader1");
     strcpy(quote.InstrumentID, "qe2612-C-4000");
     strcpy(quote.QuoteLocalID, "10");
@@ -37,8 +36,7 @@ TEST(FrontFamily, QuotesExercisesDemandsAndPasswords) {
     EXPECT_STREQ(rtn.ParticipantID, "P001");
     EXPECT_EQ(rtn.CancelTime[0], '\0');
 
-    QelQuoteActionField cancel;
-    memset(&cancel, 0, sizeof(cancel));
+    QelQuoteActionField cancel{};
     strcpy(cancel.UserID, "trader1");
     strcpy(cancel.QuoteSysID, rtn.QuoteSysID);
     cancel.ActionFlag = '0';
@@ -51,8 +49,7 @@ TEST(FrontFamily, QuotesExercisesDemandsAndPasswords) {
     ASSERT_TRUE(c.of(20484, 2)[1].get(rtn));
     EXPECT_NE(rtn.CancelTime[0], '\0');
 
-    QelInputExecOrderField exec;
-    memset(&exec, 0, sizeof(exec));
+    QelInputExecOrderField exec{};
     strcpy(exec.UserID, "trader1");
     strcpy(exec.InstrumentID, "qe2612-C-4000");
     strcpy(exec.ExecOrderLocalID, "11");
@@ -64,8 +61,7 @@ TEST(FrontFamily, QuotesExercisesDemandsAndPasswords) {
     EXPECT_EQ(c.of(4114)[0].error(), 0);
     EXPECT_EQ(c.of(4114)[1].error(), Front::ERROR_UNKNOWN_INSTRUMENT);
 
-    QelInputQuoteDemandField demand;
-    memset(&demand, 0, sizeof(demand));
+    QelInputQuoteDemandField demand{};
     strcpy(demand.UserID, "trader1");
     strcpy(demand.InstrumentID, "qe2612-C-4000");
     strcpy(demand.QuoteDemandLocalID, "12");
@@ -75,8 +71,7 @@ TEST(FrontFamily, QuotesExercisesDemandsAndPasswords) {
     ASSERT_TRUE(c.of(24718, 3)[0].get(notify));
     EXPECT_STREQ(notify.InstrumentID, "qe2612-C-4000");
 
-    QelUserPasswordUpdateField password;
-    memset(&password, 0, sizeof(password));
+    QelUserPasswordUpdateField password{};
     strcpy(password.UserID, "trader1");
     strcpy(password.OldPassword, "wrong");
     strcpy(password.NewPassword, "new1");
@@ -103,23 +98,12 @@ TEST(FrontFamily, QuotesExercisesDemandsAndPasswords) {
 }
 
 TEST(FrontConfig, FileAndFlags) {
-    char path[] = "/tmp/qelfront_conf_XXXXXX";
-    int fd = mkstemp(path);
-    ASSERT_GE(fd, 0);
-    const char text[] =
-        "# a front\n"
-        "port = 17555\n"
-        "key = sm2   # enciphered key\n"
-        "user = alice, PA, pw, CA, app, code\n"
-        "user = bob,PB,pw2\n"
-        "instrument = x1,x,0.25,1,100,7\n";
-    ASSERT_EQ(write(fd, text, sizeof(text) - 1), ssize_t(sizeof(text) - 1));
-    close(fd);
+    // The file's port is overridden by the flag after it.
+    const std::string path = std::string(QEL_SOURCE_DIR) + "/tests/front/data/front.conf";
     Front::Config c;
     char error[256] = {};
-    const char* argv[] = {"qelfront", "--config", path, "--port", "0", "--slice", "9", "--refuse_login", "1"};
+    const char* argv[] = {"qelfront", "--config", path.c_str(), "--port", "0", "--slice", "9", "--refuse_login", "1"};
     ASSERT_EQ(c.parse_args(9, const_cast<char**>(argv), error, sizeof(error)), 0) << error;
-    unlink(path);
     EXPECT_EQ(c.port, 0);
     EXPECT_EQ(c.key_form, Front::KEY_SM2);
     EXPECT_EQ(c.user_count, 2);

@@ -196,8 +196,7 @@ public:
     // Logs in with positions for topics 2, 3 and 5 (skipped when below -1).
     void login(const char* user, const char* password, int request, int private_from = 0,
                int public_from = 0, int user_from = -2, const char* day = "") {
-        QelReqUserLoginField in;
-        memset(&in, 0, sizeof(in));
+        QelReqUserLoginField in{};
         strcpy(in.UserID, user);
         strcpy(in.Password, password);
         strcpy(in.UserProductInfo, "fronttest");
@@ -270,8 +269,7 @@ inline Front::Config quiet_config() {
 // A limit order in the wire record, as a test client sends it.
 inline QelInputOrderField order(const char* user, const char* local, char direction, double price,
                                 int volume, const char* instrument = "qe2612") {
-    QelInputOrderField o;
-    memset(&o, 0, sizeof(o));
+    QelInputOrderField o{};
     strcpy(o.UserID, user);
     strcpy(o.InstrumentID, instrument);
     strcpy(o.OrderLocalID, local);

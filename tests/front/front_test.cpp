@@ -66,8 +66,7 @@ TEST(Front, EveryKeyFormCarriesTheLogin) {
             EXPECT_STREQ(login.TradingDay, "20260105");
             QelUserCommFluxControlField flux;
             EXPECT_TRUE(c.of(4098)[0].get(flux));
-            QelQryInstrumentField q;
-            memset(&q, 0, sizeof(q));
+            QelQryInstrumentField q{};
             c.send(16399, 7, 1, q);
             ASSERT_TRUE(c.wait_for(16400, 1));
             EXPECT_EQ(c.of(16400)[0].request, 7u);
@@ -84,8 +83,7 @@ TEST(Front, AuthenticationAndLoginErrors) {
     ASSERT_TRUE(front.start());
     Client c(front.get_port());
     ASSERT_TRUE(c.wait_ready());
-    QelProductAuthField auth;
-    memset(&auth, 0, sizeof(auth));
+    QelProductAuthField auth{};
     strcpy(auth.AppID, "demo_app");
     ASSERT_TRUE(Front::make_auth_code("demo_code_16byte", c.crypt_value, reinterpret_cast<unsigned char*>(auth.AuthCode)));
     c.send(24746, 1, 0, auth);
@@ -136,8 +134,7 @@ TEST(Front, OrdersTradeByPriceAndTime) {
     ASSERT_TRUE(seller.wait_for(20481, 2, 2));
     EXPECT_EQ(returns(seller), "O1:30 O2:30 O3:30 T2:3@4000 O2:03 T3:3@4000 O3:13 ");
 
-    QelOrderActionField cancel;
-    memset(&cancel, 0, sizeof(cancel));
+    QelOrderActionField cancel{};
     strcpy(cancel.UserID, "trader2");
     strcpy(cancel.OrderLocalID, "3");
     strcpy(cancel.ActionLocalID, "4");

@@ -67,8 +67,7 @@ TEST(FrontQueries, AnswerFromStateInChains) {
     Client a(front.get_port()), b(front.get_port());
     ASSERT_TRUE(log_in(a, "trader1", "pass1", 0, 0));
     ASSERT_TRUE(log_in(b, "trader2", "pass2", 0, 0));
-    QelQryInstrumentField qi;
-    memset(&qi, 0, sizeof(qi));
+    QelQryInstrumentField qi{};
     a.send(16399, 5, 1, qi);
     ASSERT_TRUE(wait_until([&] {
         std::vector<Got> v = a.of(16400);
@@ -87,14 +86,11 @@ TEST(FrontQueries, AnswerFromStateInChains) {
     a.send(4101, 6, 1, order("trader1", "1", '0', 4000, 5, "qe2700"));
     b.send(4101, 7, 1, order("trader2", "1", '1', 4000, 2, "qe2700"));
     ASSERT_TRUE(b.wait_for(20481, 1, 2));
-    QelQryOrderField qo;
-    memset(&qo, 0, sizeof(qo));
+    QelQryOrderField qo{};
     a.send(16387, 8, 1, qo);
-    QelQryClientPositionField qp;
-    memset(&qp, 0, sizeof(qp));
+    QelQryClientPositionField qp{};
     a.send(16397, 9, 1, qp);
-    QelQryPartAccountField qa;
-    memset(&qa, 0, sizeof(qa));
+    QelQryPartAccountField qa{};
     a.send(16385, 10, 1, qa);
     ASSERT_TRUE(a.wait_for(16388, 1) && a.wait_for(16398, 1) && a.wait_for(16386, 1));
     QelOrderField o;
@@ -214,26 +210,4 @@ TEST(FrontFaults, EachEndsWithItsReason) {
     f = Front::Faults{};
     f.silent_after = 3;
     EXPECT_EQ(ends_with(f, 4).at(0), Network::REASON_SILENT);
-}
-
-// Sliced, stalled and delayed output loses nothing and keeps the order.
-TEST(FrontFaults, SlicedStalledAndDelayedLoseNothing) {
-    for (int which = 0; which < 3; ++which) {
-        SCOPED_TRACE(which);
-        Front::Config config = quiet_config();
-        if (which == 0) config.faults.slice = 61;
-        if (which == 1) config.faults.stall_ms = 300;
-        if (which == 2) config.faults.delay_ms = 50;
-        Front::Server front(config);
-        ASSERT_TRUE(front.start());
-        Client c(front.get_port());
-        ASSERT_TRUE(log_in(c, "trader1", "pass1", 0, 0));
-        for (int i = 1; i <= 8; ++i) c.send(4101, unsigned(i), 1, order("trader1", std::to_string(i).c_str(), '0', 4000, 1));
-        ASSERT_TRUE(c.wait_for(20482, 8, 2, 20000));
-        EXPECT_EQ(private_orders(c), "1:13 2:23 3:33 4:43 5:53 6:63 7:73 8:83 ");
-        std::vector<Got> rsp = c.of(4102);
-        ASSERT_EQ(rsp.size(), 8u);
-        for (unsigned i = 0; i < 8; ++i) EXPECT_EQ(rsp[i].request, i + 1);
-        EXPECT_TRUE(c.get_reasons().empty());
-    }
 }

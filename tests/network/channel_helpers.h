@@ -100,11 +100,6 @@ public:
         std::lock_guard<std::mutex> lock(mutex);
         return reasons;
     }
-    bool has_reason(int reason) {
-        for (int r : get_reasons())
-            if (r == reason) return true;
-        return false;
-    }
 
     std::function<void()> on_connect;
     std::atomic<int> connected{0};

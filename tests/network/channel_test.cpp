@@ -394,28 +394,6 @@ TEST(QelcClientChannel, TraceOfALargeReadTellsEveryByte) {
     delete log;
 }
 
-// Clamps of the timeouts.
-TEST(QelcClientSession, TimeoutClamps) {
-    Reactor reactor;
-    Owner owner(reactor.get());
-    run_on(reactor.get(), [&] {
-        QelcClientSession s(reactor.get(), &owner, nullptr, nullptr, 0);
-        const unsigned long sec = QelcClientSession::CLOCK_SECOND;
-        s.set_timeout(1);
-        EXPECT_EQ(s.get_idle_limit(), 4 * sec);
-        s.set_timeout(500);
-        EXPECT_EQ(s.get_idle_limit(), 184 * sec);
-        s.set_heartbeat_timeout(181);
-        EXPECT_EQ(s.get_heartbeat_timeout(), 181u);
-        s.set_heartbeat_timeout(1000);
-        EXPECT_EQ(s.get_heartbeat_timeout(), 181u);
-        EXPECT_EQ(s.get_idle_limit(), 181 * sec);
-        s.set_heartbeat_timeout(0);
-        EXPECT_EQ(s.get_heartbeat_timeout(), 4u);
-        EXPECT_EQ(s.get_client_channel()->get_heartbeat_timeout(), 4u);
-    });
-}
-
 // What goes on the wire: control frames plain; data frames compressed only
 // when that makes them smaller, then enciphered per frame from the IV.
 TEST(QelcClientChannel, WireFormOfSentFrames) {

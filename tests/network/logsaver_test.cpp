@@ -15,57 +15,48 @@ using Base::DataFlow;
 namespace {
 
 std::string read_file(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
     std::stringstream all;
-    all << in.rdbuf();
+    all << std::ifstream(path, std::ios::binary).rdbuf();
     return all.str();
 }
 
-void append(DataFlow* flow, const std::string& text) {
-    char* room = flow->alloc_object(static_cast<unsigned short>(text.size()));
-    std::memcpy(room, text.data(), text.size());
-    flow->commit_object(static_cast<unsigned short>(text.size()), true);
+// Appends records [from] .. [to - 1] to flow and gives their text.
+std::string append(DataFlow* flow, int from, int to) {
+    std::string all;
+    for (int i = from; i < to; i++) {
+        std::string text = "[" + std::to_string(i) + "]";
+        std::memcpy(flow->alloc_object(static_cast<unsigned short>(text.size())), text.data(), text.size());
+        flow->commit_object(static_cast<unsigned short>(text.size()), true);
+        all += text;
+    }
+    return all;
 }
 
 }  // namespace
 
 TEST(LogSaver, DrainsFlowsIntoNumberedFiles) {
     char pattern[] = "/tmp/logsaver_XXXXXX";
-    std::string dir = mkdtemp(pattern);
-    std::string prefix = dir + "/log";
+    std::string dir = mkdtemp(pattern), prefix = dir + "/log";
     DataFlow first(1, 0, 0, nullptr, nullptr, 0, nullptr, false, false);
     DataFlow second(2, 0, 0, nullptr, nullptr, 0, nullptr, false, false);
     DataFlow* flows[] = {&first, &second};
-    std::string expect_first, expect_second;
-    for (int i = 0; i < 150; i++) {
-        std::string record = "[" + std::to_string(i) + "]";
-        append(&first, record);
-        expect_first += record;
-    }
-    append(&second, "only");
-    expect_second = "only";
+    std::string head = append(&first, 0, 100), tail = append(&first, 100, 150), only = append(&second, 7, 8);
     {
         Network::LogSaver saver(prefix.c_str(), flows, 2);
         EXPECT_TRUE(saver.on_invoke());
-        // 100 of the first flow so far, all of the second.
-        std::string part;
-        for (int i = 0; i < 100; i++) part += "[" + std::to_string(i) + "]";
-        EXPECT_EQ(read_file(prefix + "_1.slog"), part);
-        EXPECT_EQ(read_file(prefix + "_2.slog"), expect_second);
+        EXPECT_EQ(read_file(prefix + "_1.slog"), head);
+        EXPECT_EQ(read_file(prefix + "_2.slog"), only);
         EXPECT_TRUE(saver.on_invoke());
-        EXPECT_EQ(read_file(prefix + "_1.slog"), expect_first);
+        EXPECT_EQ(read_file(prefix + "_1.slog"), head + tail);
         EXPECT_FALSE(saver.on_invoke());
     }
-    // Files are opened for appending: a second run adds to them.
-    {
+    {  // Files are opened for appending: a second run adds to them.
         Network::LogSaver saver(prefix.c_str(), flows + 1, 1);
         EXPECT_TRUE(saver.on_invoke());
-        EXPECT_EQ(read_file(prefix + "_1.slog"), expect_first + expect_second);
+        EXPECT_EQ(read_file(prefix + "_1.slog"), head + tail + only);
     }
-    // A file that cannot be opened: records are read and dropped.
-    {
-        std::string missing = dir + "/no/such/dir";
-        Network::LogSaver saver(missing.c_str(), flows, 1);
+    {  // A file that cannot be opened: records are read and dropped.
+        Network::LogSaver saver((dir + "/no/such/dir").c_str(), flows, 1);
         EXPECT_TRUE(saver.on_invoke());
         EXPECT_TRUE(saver.on_invoke());
         EXPECT_FALSE(saver.on_invoke());

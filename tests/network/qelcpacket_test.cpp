@@ -56,85 +56,54 @@ TEST(QelcPacket, HeaderBytesAndSequence)
     EXPECT_EQ(0, std::memcmp(&h, &back, sizeof(h)));
     EXPECT_EQ(0x12AABBCCDDul, back.get_sequence());
 
-    back.SequenceLow = 0;
-    back.SequenceHigh = 1;
-    EXPECT_EQ(4294967296ul, back.get_sequence());
-    back.set_sequence(0xFFFFFFFFFFul);
-    EXPECT_EQ(0xFFu, back.SequenceHigh);
-    EXPECT_EQ(0xFFFFFFFFu, back.SequenceLow);
 }
 
+// Records laid out byte for byte behind the header, nothing written behind
+// them, and walked back from the stream form and from a host header.
 TEST(QelcPacket, BuildAndWalk)
 {
     QelcPacket packet(0x1005, 77, 'C');
-    EXPECT_EQ(4, packet.get_header().Version);
-    EXPECT_EQ('C', packet.get_header().Chain);
-    EXPECT_EQ(77u, packet.get_header().RequestId);
     EXPECT_EQ(nullptr, packet.add_field(1, 1));  // no buffer yet
     EXPECT_EQ(0, packet.commit());
-
     std::vector<char> frame(XmpPacket::MAX_PACKAGE_SIZE, 0x5A);
-    packet.get_header().Subject = 1;
-    packet.get_header().set_sequence(9);
     packet.attach(frame.data() + 6);
-    EXPECT_EQ('L', packet.get_header().Chain);
-    EXPECT_EQ(0u, packet.get_header().RequestId);
-    EXPECT_EQ(0x1005u, packet.get_header().PacketId);
-    EXPECT_EQ(frame.data() + 26, packet.get_body());
     EXPECT_EQ(frame.data(), QelcPacket::get_xmp_header(packet.get_body()));
-
     // An empty packet commits to its header alone and walks to the end at once.
     ASSERT_EQ(20, packet.commit());
     EXPECT_TRUE(walk(packet.get_header(), packet.get_body()).empty());
 
-    char* a = packet.add_field(0x0003, 3);
-    ASSERT_NE(nullptr, a);
-    std::memcpy(a, "abc", 3);
-    char* b = packet.add_field(0x0011, 0);
-    ASSERT_NE(nullptr, b);
-    char* c = packet.add_field(0xFFFE, 2);
-    ASSERT_NE(nullptr, c);
-    c[0] = 1;
-    c[1] = 2;
+    std::memcpy(packet.add_field(0x0003, 3), "abc", 3);
+    ASSERT_NE(nullptr, packet.add_field(0x0011, 0));
+    std::memcpy(packet.add_field(0xFFFE, 2), "\x01\x02", 2);
     ASSERT_EQ(20 + 7 + 4 + 6, packet.commit());
     const Bytes body = {0x00, 0x03, 0x00, 0x03, 'a', 'b', 'c', 0x00, 0x11, 0x00, 0x00,
-                        0xFF, 0xFE, 0x00, 0x02, 0x01, 0x02};
+                        0xFF, 0xFE, 0x00, 0x02, 0x01, 0x02, 0x5A};
     EXPECT_EQ(body, Bytes(frame.data() + 26, frame.data() + 26 + body.size()));
-    EXPECT_EQ(3, frame[6 + 13]);                                // FieldCount
-    EXPECT_EQ(0x5A, static_cast<unsigned char>(frame[26 + 17]));  // nothing written behind
+    EXPECT_EQ(3, frame[6 + 13]);  // FieldCount
 
-    // Walk the stream form, decoded like a receiver does it.
     QelcPacket::Header host;
     QelcPacket::from_stream(&host, frame.data() + 6);
     QelcPacket::Iterator it(&host, frame.data() + 26);
     unsigned short size = 9;
-    EXPECT_EQ(nullptr, it.get_field(size));
+    EXPECT_EQ(nullptr, it.get_field(size));  // no current record before next()
     EXPECT_EQ(0, size);
     ASSERT_EQ(0x0003, it.next());
-    const char* value = it.get_field(size);
-    ASSERT_EQ(3, size);
-    EXPECT_EQ(0, std::memcmp(value, "abc", 3));
+    EXPECT_EQ(0, std::memcmp(it.get_field(size), "abc", 3));
+    EXPECT_EQ(3, size);
     ASSERT_EQ(0x0011, it.next());
     EXPECT_NE(nullptr, it.get_field(size));
     EXPECT_EQ(0, size);
     ASSERT_EQ(0xFFFE, it.next());
     EXPECT_EQ(frame.data() + 26 + 15, it.get_field(size));
-    EXPECT_EQ(17, it.get_position());
     EXPECT_EQ(QelcPacket::END, it.next());
     EXPECT_EQ(nullptr, it.get_field(size));
     EXPECT_EQ(QelcPacket::END, it.next());
-
     // A host header with its body directly behind it.
     std::vector<char> joined(20 + host.BodyLength);
     std::memcpy(joined.data(), &host, 20);
     std::memcpy(joined.data() + 20, frame.data() + 26, host.BodyLength);
     QelcPacket::Iterator behind(reinterpret_cast<const QelcPacket::Header*>(joined.data()), nullptr);
     EXPECT_EQ(0x0003, behind.next());
-    // attach starts over.
-    it.attach(&host, frame.data() + 26);
-    EXPECT_EQ(0x0003, it.next());
-    QelcPacket::Iterator none;
-    EXPECT_EQ(QelcPacket::END, none.next());
 }
 
 TEST(QelcPacket, Limits)

@@ -35,4 +35,12 @@ inline std::vector<std::vector<const char*>> rows(const char* path) {
 // A number in C notation: decimal, or hexadecimal after 0x.
 inline unsigned long number(const char* text) { return std::strtoul(text, nullptr, 0); }
 
+// Bytes written as hexadecimal digits, two a byte; "-" is no bytes.
+inline std::vector<unsigned char> hex(const char* text) {
+    std::vector<unsigned char> out;
+    for (const char* p = text; p[0] && p[0] != '-' && p[1]; p += 2)
+        out.push_back(static_cast<unsigned char>(std::stoul(std::string(p, 2), nullptr, 16)));
+    return out;
+}
+
 }  // namespace test_data
