@@ -13,6 +13,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -65,23 +66,23 @@ TEST(TradeApi, HeartbeatTimeoutIsClampedTo4Through181) {
 // The table touched last wins; a full one refuses with -8 and keeps its entries.
 TEST(TradeApi, AddressTables) {
     Api::TradeApi api("./", nullptr);
-    EXPECT_EQ(api.get_address_mode(), '1');
+    // Address mode, name servers, fronts.
+    auto state = [&] {
+        return std::make_tuple(api.get_address_mode(), api.get_name_server_count(), api.get_front_count());
+    };
+    EXPECT_EQ(state(), std::make_tuple('1', 0, 0));
     ASSERT_EQ(api.RegisterNameServer("tcp://127.0.0.1:18001"), 0);
-    EXPECT_EQ(api.get_address_mode(), '1');  // name servers leave the mode alone
+    EXPECT_EQ(state(), std::make_tuple('1', 1, 0));  // name servers leave the mode alone
     ASSERT_EQ(api.RegisterFront("tcp://127.0.0.1:17001"), 0);
-    EXPECT_EQ(api.get_name_server_count(), 0);
-    EXPECT_EQ(api.get_address_mode(), '0');
+    EXPECT_EQ(state(), std::make_tuple('0', 0, 1));
     for (int i = 0; i < 16; ++i) ASSERT_EQ(api.RegisterNameServer(address(i).c_str()), 0);
     EXPECT_EQ(api.RegisterNameServer(address(16).c_str()), -8);
-    EXPECT_EQ(api.get_name_server_count(), 16);
+    EXPECT_EQ(state(), std::make_tuple('0', 16, 0));
     EXPECT_STREQ(api.get_name_server(15), address(15).c_str());
-    EXPECT_EQ(api.get_address_mode(), '0');
-    EXPECT_EQ(api.get_front_count(), 0);
     for (int i = 0; i < 64; ++i) ASSERT_EQ(api.RegisterFront(address(i).c_str()), 0) << i;
     EXPECT_EQ(api.RegisterFront(address(64).c_str()), -8);
-    EXPECT_EQ(api.get_front_count(), 64);
+    EXPECT_EQ(state(), std::make_tuple('0', 0, 64));
     EXPECT_STREQ(api.get_front(63), address(63).c_str());
-    EXPECT_EQ(api.get_name_server_count(), 0);
 }
 
 TEST(TradeApi, AddressesAreCutTo63CharactersAndTheFlowPathTo255) {
