@@ -131,18 +131,12 @@ public:
     int copy_size = 0;
 
     void note(const char* name, const void* record, const CTulmQelcRspInfoField* info, int request, bool last) {
-        Call call;
-        call.name = name;
-        call.has_record = record != nullptr;
-        call.has_info = info != nullptr;
-        call.error_id = info ? info->ErrorID : 0;
-        call.request = request;
-        call.last = last;
-        if (record && copy_size) call.record.assign(static_cast<const char*>(record), copy_size);
-        calls.push_back(call);
-        on_call(calls.back(), record);
+        calls.push_back({name, record != nullptr, info != nullptr, info ? info->ErrorID : 0, request, last,
+                         record && copy_size ? std::string(static_cast<const char*>(record), copy_size) : ""});
     }
-    virtual void on_call(const Call&, const void*) {}
+    void mark(const char* name, int topic, int sequence) {
+        calls.push_back({name, false, false, 0, 0, false, "", topic, sequence});
+    }
 
     void OnPackageStart(int topic, int sequence) override { mark("OnPackageStart", topic, sequence); }
     void OnPackageEnd(int topic, int sequence) override { mark("OnPackageEnd", topic, sequence); }
@@ -151,13 +145,6 @@ public:
     void OnHeartBeatWarning(int seconds) override { mark("OnHeartBeatWarning", seconds, 0); }
     void OnRspError(CTulmQelcRspInfoField* info, int request, bool last) override {
         note("OnRspError", nullptr, info, request, last);
-    }
-    void mark(const char* name, int topic, int sequence) {
-        Call call;
-        call.name = name;
-        call.topic = topic;
-        call.sequence = sequence;
-        calls.push_back(call);
     }
 
     QEL_SPI_REPLY(OnRspUserLogin, CTulmQelcRspUserLoginField)

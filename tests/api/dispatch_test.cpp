@@ -19,28 +19,21 @@ namespace {
 
 enum Kind { REPLY, QUERY, ERROR_RETURN, RETURN };
 
-struct Row {
-    unsigned int packet_id;
-    Kind kind;
-    unsigned short record_id;
-    const Base::FieldDesc* desc;
-    const char* callback;
-};
+struct Row { unsigned int packet_id; Kind kind; unsigned short record_id; const Base::FieldDesc* desc; const char* callback; };
 
-std::vector<Row> rows() {
-    std::vector<Row> out;
-    for (const auto& f : test_data::rows("api/data/dispatch.txt")) {
-        const std::string kind = f[1];
-        const auto id = static_cast<unsigned short>(test_data::number(f[2]));
-        out.push_back({static_cast<unsigned int>(test_data::number(f[0])),
-                       kind == "reply" ? REPLY : kind == "query" ? QUERY : kind == "return" ? RETURN : ERROR_RETURN,
-                       id, get_qel_field_desc(id), f[3]});
-    }
-    return out;
-}
 // Read on first use: the catalogue fills before main, in another unit.
 const std::vector<Row>& table() {
-    static const std::vector<Row> all = rows();
+    static const std::vector<Row> all = [] {
+        std::vector<Row> out;
+        for (const auto& f : test_data::rows("api/data/dispatch.txt")) {
+            const std::string kind = f[1];
+            const auto id = static_cast<unsigned short>(test_data::number(f[2]));
+            out.push_back({static_cast<unsigned int>(test_data::number(f[0])),
+                           kind == "reply" ? REPLY : kind == "query" ? QUERY : kind == "return" ? RETURN : ERROR_RETURN,
+                           id, get_qel_field_desc(id), f[3]});
+        }
+        return out;
+    }();
     return all;
 }
 
