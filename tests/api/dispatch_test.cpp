@@ -19,7 +19,13 @@ namespace {
 
 enum Kind { REPLY, QUERY, ERROR_RETURN, RETURN };
 
-struct Row { unsigned int packet_id; Kind kind; unsigned short record_id; const Base::FieldDesc* desc; const char* callback; };
+struct Row {
+    unsigned int packet_id;
+    Kind kind;
+    unsigned short record_id;
+    const Base::FieldDesc* desc;
+    const char* callback;
+};
 
 // Read on first use: the catalogue fills before main, in another unit.
 const std::vector<Row>& table() {
@@ -225,7 +231,8 @@ TEST_F(Dispatch, PasswordsAreGoneOnceTheCallbackReturns) {
     std::snprintf(update.NewPassword, sizeof(update.NewPassword), "new-secret");
     const QelRspInfoField info = test::make_info(0, "");
     spi.copy_size = sizeof(CTulmQelcUserPasswordUpdateField);
-    EXPECT_EQ(feed(Frame(4112, 9, 'L'), {{&QelRspInfoField::DESC, &info}, {&QelUserPasswordUpdateField::DESC, &update}}),
+    EXPECT_EQ(feed(Frame(4112, 9, 'L'),
+                   {{&QelRspInfoField::DESC, &info}, {&QelUserPasswordUpdateField::DESC, &update}}),
               "OnRspUserPasswordUpdate+r+i0 9 L; ");
     ASSERT_EQ(spi.calls.size(), 1u);
     const auto* seen = reinterpret_cast<const CTulmQelcUserPasswordUpdateField*>(spi.calls[0].record.data());

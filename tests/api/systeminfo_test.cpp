@@ -93,7 +93,8 @@ std::string open_token(int crypt_value, bool front_registered, std::string* open
 }
 
 TEST(LoginToken, OpensWithThePrivateKeyToTheCryptValueAndAddressMode) {
-    const struct { int crypt; bool front; const char* plain; } cases[] = {{25081826, false, "250818261"}, {-7, true, "-70"}};
+    const struct { int crypt; bool front; const char* plain; } cases[] = {{25081826, false, "250818261"},
+                                                                         {-7, true, "-70"}};
     for (const auto& c : cases) {
         std::string oracle = c.plain;  // stays so without an oracle
         EXPECT_EQ(open_token(c.crypt, c.front, &oracle), c.plain);
