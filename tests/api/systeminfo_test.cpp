@@ -43,26 +43,18 @@ std::vector<std::string> split(const std::string& text) {
 std::string open_token(int crypt_value, bool front_registered, std::string* opened_by_oracle) {
     Parallel::FdReactor reactor(nullptr);
     Api::TradeApi api("./", &reactor);
-    if (front_registered) {
-        EXPECT_EQ(api.RegisterFront("tcp://127.0.0.1:1"), 0);
-    }
+    EXPECT_TRUE(!front_registered || api.RegisterFront("tcp://127.0.0.1:1") == 0);
     LoginProbe::crypt_value(api) = crypt_value;
     QelUserapiAuthenticInfoField token;
     std::memset(&token, 0x55, sizeof(token));
-    if (!LoginProbe::token(api, &token)) {
-        ADD_FAILURE() << "no token";
-        return "";
-    }
+    if (!LoginProbe::token(api, &token)) return "no token";
     std::string text(token.EncryptUserApiInfo);
     EXPECT_LE(text.size(), 300u);
     std::vector<char> frame(text.size());
     int length = 0;
     EXPECT_TRUE(Cipher::Base64::decode(frame.data(), length, text.data(), static_cast<int>(text.size())));
     EXPECT_EQ(std::string(frame.data(), 5), std::string("#128\0", 5));
-    if (length != 5 + 128) {
-        ADD_FAILURE() << "frame of " << length << " bytes";
-        return "";
-    }
+    if (length != 5 + 128) return "frame of " + std::to_string(length) + " bytes";
     std::string pem = test_front::read_file(std::string(QEL_SOURCE_DIR) + "/tests/api/data/userapi_test_key.pem");
     int n_length = 0, d_length = 0;
     EXPECT_TRUE(Cipher::Pem::parse_rsa_private_key(pem.c_str(), nullptr, n_length, nullptr, d_length, nullptr));
