@@ -27,13 +27,10 @@ struct TempDir {
 
 // True when line starts with 20YYMMDDhhmmssmmm and a comma.
 bool has_time(const std::string& line) {
-    if (line.size() < 18 || line.compare(0, 2, "20") != 0 || line[17] != ',') return false;
-    for (int i = 0; i < 17; ++i)
-        if (line[i] < '0' || line[i] > '9') return false;
-    int month = std::stoi(line.substr(4, 2)), day = std::stoi(line.substr(6, 2));
-    int hour = std::stoi(line.substr(8, 2)), minute = std::stoi(line.substr(10, 2));
-    int second = std::stoi(line.substr(12, 2));
-    return month >= 1 && month <= 12 && day >= 1 && day <= 31 && hour < 24 && minute < 60 && second < 61;
+    int month = 0, day = 0, hour = 0, minute = 0, second = 0;
+    return line.compare(0, 2, "20") == 0 && line.find_first_not_of("0123456789") == 17 && line[17] == ',' &&
+           std::sscanf(line.c_str() + 4, "%2d%2d%2d%2d%2d", &month, &day, &hour, &minute, &second) == 5 &&
+           month >= 1 && month <= 12 && day >= 1 && day <= 31 && hour < 24 && minute < 60 && second < 61;
 }
 
 // Each line of text with its leading time checked and cut off.
