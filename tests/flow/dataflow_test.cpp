@@ -294,8 +294,11 @@ TEST(DataFlow, RecyclingNeverOvertakesASlowReader) {
     std::thread fast(reader, fast_cell, &fast_fault, false);
     for (unsigned long id = 0; id < RECORDS; id++) {
         write_record(&flow, id, false);
-        // Keep the writer within a few blocks of the slow reader.
-        while (id > static_cast<unsigned long>(behind.load()) + 8000) sched_yield();
+        // Keep the writer within a few blocks of the slow reader, and of what
+        // the recycler has handed back, so the chain bound below holds however
+        // the threads are scheduled (a starved recycler would grow the chain).
+        while (id > static_cast<unsigned long>(behind.load()) + 8000 || id > flow.get_recycle_count() + 12000)
+            sched_yield();
     }
     slow.join();
     fast.join();
@@ -304,7 +307,8 @@ TEST(DataFlow, RecyclingNeverOvertakesASlowReader) {
     EXPECT_EQ(slow_fault, "");
     EXPECT_EQ(fast_fault, "");
     EXPECT_GT(flow.get_recycle_count(), 0u);
-    // About 8000 records of 600 bytes in flight: a handful of blocks, reused.
+    // At most 12000 records of about 600 bytes not yet recycled: a handful of
+    // blocks, reused.
     EXPECT_LT(chain_length(flow.mem), 14);
     recycler.free_reader(fast_cell);
     recycler.free_reader(slow_cell);
