@@ -16,6 +16,7 @@
 
 #include "api/QelcTraderApi.h"
 #include "front/server.h"
+#include "tests/front/front_client.h"
 #include "tests/network/channel_helpers.h"
 
 namespace {
@@ -123,19 +124,12 @@ struct Trader {
         wait_until([&] { return try_order(local, client, direction, price, volume) == 0; });
     }
     int try_order(const char* local, const char* client, char direction, double price, int volume) {
-        CTulmQelcInputOrderField o = {};
-        strcpy(o.UserID, spi.user);
-        strcpy(o.ClientID, client);
-        strcpy(o.InstrumentID, "qe2612");
-        strcpy(o.OrderLocalID, local);
-        o.OrderPriceType = '2';
-        o.Direction = direction;
-        o.CombOffsetFlag[0] = '0';
-        o.CombHedgeFlag[0] = '1';
-        o.LimitPrice = price;
-        o.VolumeTotalOriginal = volume;
-        o.TimeCondition = '3';
-        o.VolumeCondition = '1';
+        // The public record has the wire record's layout: build the wire one.
+        QelInputOrderField wire = fronttest::order(spi.user, local, direction, price, volume);
+        strcpy(wire.ClientID, client);
+        static_assert(sizeof(wire) == sizeof(CTulmQelcInputOrderField), "same layout");
+        CTulmQelcInputOrderField o;
+        memcpy(&o, &wire, sizeof(o));
         return api->ReqOrderInsert(&o, ++request);
     }
 
