@@ -11,10 +11,12 @@
 #include <string>
 #include <thread>
 
+#include "flow/datamem.h"
 #include "flow/datareader.h"
 #include "containers/vector.h"
 
 using Base::DataFlow;
+using Base::DataMem;
 
 namespace {
 
@@ -338,4 +340,45 @@ TEST(FlowFile, DataReaderGathersAdjacentRecords) {
     EXPECT_EQ(check_run(got, length, 3), 7);
     reader.reset();
     EXPECT_EQ(reader.tell(), 0u);
+}
+
+// A run that read() hands out ends where the next block begins, and read()
+// has already stepped into that block to find the end. The writer must not
+// get the run's block back before the caller is done with it: here it fills
+// two more blocks meanwhile, and would write over the run in reused memory.
+// Likewise a run that ends a finished version must outlive the hop.
+TEST(FlowFile, AHandedOutRunOutlivesTheStepPastIt) {
+    DataFlow flow(3, 0, 0, nullptr, nullptr, 0, version(1), true, false);
+    unsigned long written = 0;
+    while (flow.mem->current.load() == flow.mem->head.load()) write_record(&flow, written++);
+    write_record(&flow, written++);
+    const unsigned long second_block = flow.mem->current.load()->first.load();
+    Base::DataReader reader(&flow, nullptr, nullptr, nullptr, 0, "", 0, nullptr, nullptr);
+    unsigned long run_first = 0;
+    unsigned short length = 0;
+    const char* run = nullptr;
+    auto read_run = [&] {
+        run_first = reader.tell();
+        length = 60000;
+        run = reader.read(length);
+        return run ? check_run(run, length, run_first) : 0;
+    };
+    while (reader.tell() < second_block) ASSERT_GT(read_run(), 0);
+    ASSERT_EQ(reader.tell(), second_block);
+    for (int leave = 0; leave < 2; leave++) {  // the writer fills two more blocks
+        const DataMem::Block* filling = flow.mem->current.load();
+        while (flow.mem->current.load() == filling) write_record(&flow, written++);
+    }
+    EXPECT_EQ(check_run(run, length, run_first), static_cast<long>(second_block - run_first));
+    ASSERT_GT(read_run(), 0);  // this step hands the first block back
+    EXPECT_EQ(flow.get_recycle_count(), second_block);
+
+    DataFlow* next_day = flow.shift(version(2));
+    for (unsigned long i = 0; i < 5; i++) write_record(next_day, i);
+    while (reader.get_flow() == &flow) ASSERT_GT(read_run(), 0);
+    // The last run of the old version, after read() hopped past it.
+    EXPECT_EQ(reader.tell(), 0u);
+    EXPECT_EQ(check_run(run, length, run_first), static_cast<long>(written - run_first));
+    EXPECT_EQ(read_run(), 5);
+    EXPECT_EQ(flow.mem->head.load(), nullptr);  // the old version went back after all
 }
