@@ -13,13 +13,24 @@
 
 namespace {
 
-const std::string& dir() {
-    static std::string path = [] {
+// The run's own directory, gone when the run ends (each input's file is
+// removed after it).
+struct ScratchDir {
+    ScratchDir() {
         char name[] = "/tmp/qel_fuzz_flowXXXXXX";
-        char* made = mkdtemp(name);
-        return std::string(made ? made : "/tmp");
-    }();
-    return path;
+        made = mkdtemp(name) != nullptr;
+        path = made ? name : "/tmp";
+    }
+    ~ScratchDir() {
+        if (made) rmdir(path.c_str());
+    }
+    bool made;
+    std::string path;
+};
+
+const std::string& dir() {
+    static ScratchDir scratch;
+    return scratch.path;
 }
 
 }  // namespace

@@ -17,6 +17,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <memory>
@@ -40,12 +41,25 @@ namespace test_front {
 
 using test_reactor::wait_until;
 
+// The directories temp_dir made; removed, with what is in them, when the
+// test program ends (every trader is released by then).
+struct MadeDirs {
+    ~MadeDirs() {
+        for (const std::string& dir : dirs) std::filesystem::remove_all(dir);
+    }
+    std::mutex mutex;
+    std::vector<std::string> dirs;
+};
+
 // A fresh directory for a trader's trade.con.
 inline std::string temp_dir(const char* prefix = "trader_") {
     static std::atomic<int> serial{0};
+    static MadeDirs made;
     std::string dir = ::testing::TempDir() + prefix + std::to_string(getpid()) + "_" +
                       std::to_string(serial.fetch_add(1));
     mkdir(dir.c_str(), 0700);
+    std::lock_guard<std::mutex> lock(made.mutex);
+    made.dirs.push_back(dir);
     return dir + "/";
 }
 

@@ -14,9 +14,11 @@
 #include "flow/datamem.h"
 #include "flow/datareader.h"
 #include "containers/vector.h"
+#include "tests/support/temp_dir.h"
 
 using Base::DataFlow;
 using Base::DataMem;
+using test_support::TempDir;
 
 namespace {
 
@@ -56,16 +58,6 @@ long file_size(const std::string& path) {
     struct stat st;
     return stat(path.c_str(), &st) == 0 ? static_cast<long>(st.st_size) : -1;
 }
-
-class TempDir {
-public:
-    TempDir() {
-        char pattern[] = "/tmp/flowfile_XXXXXX";
-        path = mkdtemp(pattern);
-    }
-    ~TempDir() { std::system(("rm -rf " + path).c_str()); }
-    std::string path;
-};
 
 void* version(unsigned long v) { return reinterpret_cast<void*>(v); }
 

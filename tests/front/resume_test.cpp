@@ -12,8 +12,10 @@
 #include "front/exchange.h"
 #include "front/records.h"
 #include "tests/front/front_client.h"
+#include "tests/support/temp_dir.h"
 
 using namespace fronttest;
+using test_support::TempDir;
 
 namespace {
 
@@ -40,15 +42,6 @@ std::string private_orders(Client& c) {
     }
     return out;
 }
-
-struct TempDir {
-    TempDir() {
-        char tmpl[] = "/tmp/qelfront_XXXXXX";
-        path = mkdtemp(tmpl);
-    }
-    ~TempDir() { std::system(("rm -rf " + path).c_str()); }
-    std::string path;
-};
 
 }  // namespace
 

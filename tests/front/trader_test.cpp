@@ -18,6 +18,9 @@
 #include "front/server.h"
 #include "tests/front/front_client.h"
 #include "tests/network/channel_helpers.h"
+#include "tests/support/temp_dir.h"
+
+using test_support::TempDir;
 
 namespace {
 
@@ -94,20 +97,11 @@ public:
     std::vector<std::string> orders, trades, queried;
 };
 
-struct TempDir {
-    TempDir() {
-        char tmpl[] = "/tmp/qeltrader_XXXXXX";
-        path = std::string(mkdtemp(tmpl)) + "/";
-    }
-    ~TempDir() { std::system(("rm -rf " + path).c_str()); }
-    std::string path;
-};
-
-// One trader on a flow directory, started and logged in.
+// One trader on a flow directory (its trade.con goes there), started and logged in.
 struct Trader {
     Trader(const std::string& dir, int port, const char* user = "trader1", const char* password = "pass1",
            TE_RESUME_TYPE resume = TE_RESUME_FROM_SAVED, unsigned heartbeat = 0)
-        : api(CTulmQelcTraderApi::CreateQelcTraderApi(dir.c_str())), spi(api, user, password) {
+        : api(CTulmQelcTraderApi::CreateQelcTraderApi((dir + "/").c_str())), spi(api, user, password) {
         api->RegisterSpi(&spi);
         std::string address = "tcp://127.0.0.1:" + std::to_string(port);
         api->RegisterFront(address.c_str());

@@ -15,11 +15,13 @@
 #include "base/datetime.h"
 #include "base/byteorder.h"
 #include "parallel/flowrecycler.h"
+#include "tests/support/temp_dir.h"
 
 using Base::DataFlow;
 using Network::QelcFlow;
 using Network::QelcPacket;
 using Network::XmpPacket;
+using test_support::TempDir;
 
 namespace {
 
@@ -73,16 +75,6 @@ public:
     void on_read(unsigned long, const void*, unsigned short) override {}
     void on_version(unsigned int version) override { seen.push_back(version); }
     std::vector<unsigned int> seen;
-};
-
-class TempDir {
-public:
-    TempDir() {
-        char pattern[] = "/tmp/qelcflow_XXXXXX";
-        path = mkdtemp(pattern);
-    }
-    ~TempDir() { std::system(("rm -rf " + path).c_str()); }
-    std::string path;
 };
 
 }  // namespace

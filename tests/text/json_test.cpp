@@ -12,8 +12,10 @@
 
 #include "containers/queue.h"
 #include "containers/vector.h"
+#include "tests/support/temp_dir.h"
 
 using Base::Json;
+using test_support::TempDir;
 
 namespace {
 
@@ -38,23 +40,6 @@ std::string output(const Json& json) {
     EXPECT_EQ(length, json.output(buffer.data(), 0));
     return std::string(buffer.data(), length);
 }
-
-class TempDir {
-public:
-    TempDir() {
-        char pattern[] = "/tmp/json_test_XXXXXX";
-        path = mkdtemp(pattern);
-    }
-    ~TempDir() { std::system(("rm -rf " + path).c_str()); }
-    std::string file(const char* name, const char* text) {
-        std::string full = path + "/" + name;
-        FILE* f = std::fopen(full.c_str(), "wb");
-        std::fputs(text, f);
-        std::fclose(f);
-        return full;
-    }
-    std::string path;
-};
 
 }  // namespace
 
@@ -193,9 +178,9 @@ TEST(JsonTest, MalformedTextFailsCleanly) {
 
 TEST(JsonTest, FilesMergeInOrder) {
     TempDir dir;
-    std::string first = dir.file("first.json", "{\"name\":\"one\",\"a\":1}");
-    std::string second = dir.file("second.json", "{\"name\":\"two\",\"b\":2.5}");
-    std::string broken = dir.file("broken.json", "{\"name\":");
+    std::string first = dir.write("first.json", "{\"name\":\"one\",\"a\":1}");
+    std::string second = dir.write("second.json", "{\"name\":\"two\",\"b\":2.5}");
+    std::string broken = dir.write("broken.json", "{\"name\":");
     std::string missing = dir.path + "/missing.json";
 
     Json json;
