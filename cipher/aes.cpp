@@ -4,6 +4,12 @@
 #include "cipher/blockmode.h"
 #include "base/byteorder.h"
 
+#if defined(__clang__)
+#define UNROLL_4 _Pragma("unroll 4")
+#else
+#define UNROLL_4 _Pragma("GCC unroll 4")
+#endif
+
 namespace Cipher {
 
 namespace {
@@ -139,21 +145,21 @@ template <int Step>
 void aes_rounds(unsigned char* dst, const unsigned char* src, const uint32_t* rk, int rounds,
                 const uint32_t (&t)[4][256], const uint8_t* sbox) {
     uint32_t s[4];
-#pragma GCC unroll 4
+UNROLL_4
     for (int i = 0; i < 4; ++i) s[i] = Base::get_be32(src + 4 * i) ^ rk[i];
     for (int r = 1; r < rounds; ++r) {
         rk += 4;
         uint32_t n[4];
-#pragma GCC unroll 4
+UNROLL_4
         for (int i = 0; i < 4; ++i)
             n[i] = t[0][s[i] >> 24] ^ t[1][(s[(i + Step) & 3] >> 16) & 0xff] ^
                    t[2][(s[(i + 2 * Step) & 3] >> 8) & 0xff] ^ t[3][s[(i + 3 * Step) & 3] & 0xff] ^
                    rk[i];
-#pragma GCC unroll 4
+UNROLL_4
         for (int i = 0; i < 4; ++i) s[i] = n[i];
     }
     rk += 4;
-#pragma GCC unroll 4
+UNROLL_4
     for (int i = 0; i < 4; ++i) {
         uint32_t w = uint32_t(sbox[s[i] >> 24]) << 24 |
                      uint32_t(sbox[(s[(i + Step) & 3] >> 16) & 0xff]) << 16 |

@@ -18,8 +18,14 @@ bool supported() {
 
 // Everything below uses the AES and SSE4.1 instructions: only this file is
 // compiled for them, and the callers reach it only after supported().
+#if defined(__clang__)
+#pragma clang attribute push(__attribute__((target("aes,sse4.1"))), apply_to = function)
+#define UNROLL_8 _Pragma("unroll 8")
+#else
 #pragma GCC push_options
 #pragma GCC target("aes,sse4.1")
+#define UNROLL_8 _Pragma("GCC unroll 8")
+#endif
 #include <immintrin.h>
 
 namespace Cipher {
@@ -46,30 +52,30 @@ inline void store(unsigned char* p, __m128i v) {
 template <int N>
 inline void encode_n(const unsigned char* keys, int rounds, __m128i* b) {
     __m128i k = key(keys, 0);
-#pragma GCC unroll 8
+UNROLL_8
     for (int i = 0; i < N; ++i) b[i] = _mm_xor_si128(b[i], k);
     for (int r = 1; r < rounds; ++r) {
         k = key(keys, r);
-#pragma GCC unroll 8
+UNROLL_8
         for (int i = 0; i < N; ++i) b[i] = _mm_aesenc_si128(b[i], k);
     }
     k = key(keys, rounds);
-#pragma GCC unroll 8
+UNROLL_8
     for (int i = 0; i < N; ++i) b[i] = _mm_aesenclast_si128(b[i], k);
 }
 
 template <int N>
 inline void decode_n(const unsigned char* keys, int rounds, __m128i* b) {
     __m128i k = key(keys, 0);
-#pragma GCC unroll 8
+UNROLL_8
     for (int i = 0; i < N; ++i) b[i] = _mm_xor_si128(b[i], k);
     for (int r = 1; r < rounds; ++r) {
         k = key(keys, r);
-#pragma GCC unroll 8
+UNROLL_8
         for (int i = 0; i < N; ++i) b[i] = _mm_aesdec_si128(b[i], k);
     }
     k = key(keys, rounds);
-#pragma GCC unroll 8
+UNROLL_8
     for (int i = 0; i < N; ++i) b[i] = _mm_aesdeclast_si128(b[i], k);
 }
 
@@ -103,13 +109,13 @@ void crypt_blocks(const unsigned char* keys, int rounds, unsigned char* dst,
     size_t i = 0;
     for (; i + WIDE <= blocks; i += WIDE) {
         __m128i b[WIDE];
-#pragma GCC unroll 8
+UNROLL_8
         for (int j = 0; j < WIDE; ++j) b[j] = load(src + 16 * (i + j));
         if (Decode)
             decode_n<WIDE>(keys, rounds, b);
         else
             encode_n<WIDE>(keys, rounds, b);
-#pragma GCC unroll 8
+UNROLL_8
         for (int j = 0; j < WIDE; ++j) store(dst + 16 * (i + j), b[j]);
     }
     for (; i < blocks; ++i) {
@@ -154,11 +160,11 @@ void decode_cbc(const unsigned char* keys, int rounds, unsigned char* chain, uns
     size_t i = 0;
     for (; i + WIDE <= blocks; i += WIDE) {
         __m128i c[WIDE], b[WIDE];
-#pragma GCC unroll 8
+UNROLL_8
         for (int j = 0; j < WIDE; ++j) b[j] = c[j] = load(src + 16 * (i + j));
         decode_n<WIDE>(keys, rounds, b);
         store(dst + 16 * i, _mm_xor_si128(b[0], prev));
-#pragma GCC unroll 8
+UNROLL_8
         for (int j = 1; j < WIDE; ++j) store(dst + 16 * (i + j), _mm_xor_si128(b[j], c[j - 1]));
         prev = c[WIDE - 1];
     }
@@ -183,15 +189,15 @@ void ctr(const unsigned char* keys, int rounds, unsigned char* counter, unsigned
         if (c.lo <= ~uint64_t(0) - (WIDE - 1)) {
             // No carry out of the low half within the group: add in place.
             __m128i base = _mm_set_epi64x(int64_t(c.hi), int64_t(c.lo));
-#pragma GCC unroll 8
+UNROLL_8
             for (int j = 0; j < WIDE; ++j)
                 b[j] = _mm_shuffle_epi8(_mm_add_epi64(base, _mm_set_epi64x(0, j)), reverse);
         } else {
-#pragma GCC unroll 8
+UNROLL_8
             for (int j = 0; j < WIDE; ++j) b[j] = counter_block(plus(c, uint64_t(j)), reverse);
         }
         encode_n<WIDE>(keys, rounds, b);
-#pragma GCC unroll 8
+UNROLL_8
         for (int j = 0; j < WIDE; ++j) {
             unsigned char* out = dst + i + 16 * size_t(j);
             store(out, _mm_xor_si128(b[j], load(src + i + 16 * size_t(j))));
@@ -204,7 +210,7 @@ void ctr(const unsigned char* keys, int rounds, unsigned char* counter, unsigned
         // tail takes no longer than a full group.
         size_t rest = length - i, blocks = (rest + 15) / 16;
         __m128i b[WIDE];
-#pragma GCC unroll 8
+UNROLL_8
         for (int j = 0; j < WIDE; ++j) b[j] = counter_block(plus(c, uint64_t(j)), reverse);
         encode_n<WIDE>(keys, rounds, b);
         size_t whole = rest / 16;
@@ -227,4 +233,8 @@ void ctr(const unsigned char* keys, int rounds, unsigned char* counter, unsigned
 }  // namespace AesNi
 }  // namespace Cipher
 
+#if defined(__clang__)
+#pragma clang attribute pop
+#else
 #pragma GCC pop_options
+#endif

@@ -9,11 +9,15 @@
 
 namespace Base {
 
+#if !defined(__clang__)  // only g++ warns of fences under ThreadSanitizer
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wpragmas"
 #pragma GCC diagnostic ignored "-Wtsan"
+#endif
 inline void full_fence() { __atomic_thread_fence(__ATOMIC_SEQ_CST); }
 inline void acquire_fence() { __atomic_thread_fence(__ATOMIC_ACQUIRE); }
+#if !defined(__clang__)
 #pragma GCC diagnostic pop
+#endif
 
 }  // namespace Base

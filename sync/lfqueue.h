@@ -43,7 +43,7 @@ private:
     alignas(64) TaggedStack* pool;
     alignas(64) uint64_t head[2];  // (tag, dummy node), one 16-byte pair
     alignas(64) uint64_t tail[2];  // (tag, last node), one 16-byte pair
-    char pad[48];
+    [[maybe_unused]] char pad[48];
 };
 
 }  // namespace Base

@@ -33,7 +33,7 @@ private:
 
     alignas(64) uint64_t counter;
     alignas(64) uint64_t top[2];  // (tag, node), one 16-byte pair
-    char pad[48];
+    [[maybe_unused]] char pad[48];
 };
 
 class LFStack {
@@ -80,7 +80,7 @@ private:
     alignas(64) uint64_t counter;
     alignas(64) TaggedStack* pool;
     alignas(64) uint64_t top_pair[2];  // (tag, node), one 16-byte pair
-    char pad[48];
+    [[maybe_unused]] char pad[48];
 };
 
 }  // namespace Base

@@ -11,25 +11,26 @@ using namespace Base;
 
 namespace {
 
+// The helpers the ladders call; a catalogue may leave some of them unused.
 // Zeroes the destination from a member's place to the end: the ladder's step
 // for a source that ends before the member does.
-inline void zero_tail(unsigned char* d, int from, int end) { std::memset(d + from, 0, end - from); }
+[[maybe_unused]] inline void zero_tail(unsigned char* d, int from, int end) { std::memset(d + from, 0, end - from); }
 
-inline void swap16(unsigned char* d, const unsigned char* s) { swap_bytes(d, s, 2); }
-inline void swap32(unsigned char* d, const unsigned char* s) { swap_bytes(d, s, 4); }
-inline void swap64(unsigned char* d, const unsigned char* s) { swap_bytes(d, s, 8); }
+[[maybe_unused]] inline void swap16(unsigned char* d, const unsigned char* s) { swap_bytes(d, s, 2); }
+[[maybe_unused]] inline void swap32(unsigned char* d, const unsigned char* s) { swap_bytes(d, s, 4); }
+[[maybe_unused]] inline void swap64(unsigned char* d, const unsigned char* s) { swap_bytes(d, s, 8); }
 
-inline void put_fixed(unsigned char* d, const unsigned char* s, int digits) {
+[[maybe_unused]] inline void put_fixed(unsigned char* d, const unsigned char* s, int digits) {
     put_be_double(d, fixed_to_double(load_host<long>(s), digits));
 }
-inline void get_fixed(unsigned char* d, const unsigned char* s, int digits, bool raw) {
+[[maybe_unused]] inline void get_fixed(unsigned char* d, const unsigned char* s, int digits, bool raw) {
     if (raw) swap_bytes(d, s, 8);
     else store_host<long>(d, double_to_fixed(get_be_double(s), digits));
 }
-inline void to_double(unsigned char* d, const unsigned char* s, int digits) {
+[[maybe_unused]] inline void to_double(unsigned char* d, const unsigned char* s, int digits) {
     store_host<double>(d, fixed_to_double(load_host<long>(s), digits));
 }
-inline void from_double(unsigned char* d, const unsigned char* s, int digits) {
+[[maybe_unused]] inline void from_double(unsigned char* d, const unsigned char* s, int digits) {
     store_host<long>(d, double_to_fixed(load_host<double>(s), digits));
 }
 
