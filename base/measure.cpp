@@ -23,13 +23,13 @@ uint64_t first_reading(std::atomic<uint64_t>& slot, clockid_t id) {
     if (value != 0) return value;
     uint64_t expected = 0;
     uint64_t reading = read_ticks(id);
-    // release: the stored zero point is complete before anyone reads it.
-    slot.compare_exchange_strong(expected, reading, std::memory_order_release,
-                                 std::memory_order_relaxed);
-    // Full fence: later clock reads of this thread are not hoisted above the
-    // publication of the zero point.
-    std::atomic_thread_fence(std::memory_order_seq_cst);
-    return slot.load(std::memory_order_acquire);
+    // Release on success: the zero point is whole before anyone loads it.
+    // Acquire on failure: we take the winner's zero point, read before its
+    // store and so before any reading this thread makes from here on.
+    if (slot.compare_exchange_strong(expected, reading, std::memory_order_acq_rel,
+                                     std::memory_order_acquire))
+        return reading;
+    return expected;
 }
 
 }  // namespace
