@@ -135,11 +135,6 @@ DataFlow::Iterator::Iterator(DataFlow* reading, Notify* wake, ReadCallback* call
       read_callback(callback),
       recycle_pos(cell),
       seen_count(0),
-      retiring_block(nullptr),
-      retiring_mem(nullptr),
-      retiring_records(0),
-      retiring_pos(0),
-      retiring_flow(nullptr),
       block(nullptr),
       block_first(0),
       block_base(0),
@@ -154,29 +149,7 @@ DataFlow::Iterator::Iterator(DataFlow* reading, Notify* wake, ReadCallback* call
     seek(flow->get_start_id());
 }
 
-DataFlow::Iterator::~Iterator() {
-    retire();
-    unregister_notify();
-}
-
-void DataFlow::Iterator::retire_left() {
-    if (DataMem::Block* b = retiring_block) {
-        retiring_mem->recycled.fetch_add(retiring_records, std::memory_order_relaxed);
-        // Hands the block back to the writer: we have read all of it, and
-        // the caller is done with the records it held from it.
-        b->is_recycled.store(1, std::memory_order_release);
-        retiring_block = nullptr;
-    }
-    if (retiring_pos) {
-        if (recycle_pos && retiring_pos > __atomic_load_n(recycle_pos, __ATOMIC_RELAXED))
-            store_recycle_pos(retiring_pos);
-        retiring_pos = 0;
-    }
-    if (DataFlow* old = retiring_flow) {
-        retiring_flow = nullptr;
-        old->free();
-    }
-}
+DataFlow::Iterator::~Iterator() { unregister_notify(); }
 
 void DataFlow::Iterator::register_notify() {
     if (!notify || !flow) return;
@@ -193,7 +166,6 @@ void DataFlow::Iterator::unregister_notify() {
 }
 
 void DataFlow::Iterator::detach() {
-    retire();
     unregister_notify();
     seen_count = 0;
     flow = nullptr;
@@ -213,7 +185,6 @@ void DataFlow::Iterator::attach(DataFlow* reading) {
 }
 
 bool DataFlow::Iterator::hop() {
-    retire();
     DataFlow* old = flow;
     if (!old) return false;
     // Acquire pairs with shift's release: the successor is whole.
@@ -221,8 +192,7 @@ bool DataFlow::Iterator::hop() {
     // A flow with a successor is final: its count no longer moves.
     if (!successor || old->count.load(std::memory_order_acquire) > position) return false;
     detach();
-    // Freed at the next step: the caller may still hold old's last records.
-    if (old->auto_recycle) retiring_flow = old;
+    if (old->auto_recycle) old->free();
     item.data = nullptr;
     item.length = 0;
     flow = successor;
@@ -236,8 +206,21 @@ bool DataFlow::Iterator::hop() {
     return true;
 }
 
+bool DataFlow::Iterator::next_in_place() {
+    DataFlow* f = flow;
+    if (!f || !block) return false;
+    if (position >= seen_count) {
+        // Acquire pairs with the writer's release of count, as in next().
+        seen_count = f->count.load(std::memory_order_acquire);
+        if (seen_count <= position) return false;
+    }
+    // The test of next() for a record that opened the next block.
+    unsigned long k = position - block_base;
+    return offset + 4 * (k + 1) <= static_cast<unsigned long>(block_end - block_data) &&
+           table_entry(k) != DataMem::SEAL;
+}
+
 const DataFlow::Item* DataFlow::Iterator::next() {
-    retire();
     DataFlow* f = flow;
     if (position >= seen_count) {
         // Only at the last count seen do we look at the flow again: the
@@ -276,14 +259,15 @@ const DataFlow::Item* DataFlow::Iterator::next() {
             return nullptr;
         if (offset != b->used.load(std::memory_order_relaxed)) return nullptr;
         if (f->auto_recycle) {
-            retiring_block = b;
-            retiring_mem = f->mem;
-            retiring_records = k;
+            f->mem->recycled.fetch_add(k, std::memory_order_relaxed);
+            // Hands the block back to the writer: we have read all of it.
+            b->is_recycled.store(1, std::memory_order_release);
         }
         enter_block(b = following, f->get_start_id());
         offset = 0;
         behind = table_entry(0);
-        retiring_pos = block_base;
+        if (recycle_pos && block_base > __atomic_load_n(recycle_pos, __ATOMIC_RELAXED))
+            store_recycle_pos(block_base);
     }
     unsigned int length = behind - offset;
     item.data = block_data + offset;

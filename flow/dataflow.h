@@ -162,12 +162,6 @@ private:
 
 // Walks the records of a flow and follows its version chain. Belongs to one
 // thread. next() hands out records in place, with no lock and no copy.
-//
-// A record stays in place while the reader holds it: the block it lies in
-// (auto-recycled flows) and the flow it belongs to (after a hop) go back
-// to the writer no sooner than the reader's first call after the one that
-// left them. So a caller may gather a run of records with next() and use
-// the whole run, even if the last call stepped into the next block or flow.
 class DataFlow::Iterator {
 public:
     Iterator(DataFlow* flow, Notify* notify, ReadCallback* callback, unsigned long* recycle_pos);
@@ -184,6 +178,11 @@ public:
     DataFlow* get_flow() const { return flow; }
     unsigned long get_position() const { return position; }
 
+    // True when next() has a record for us in the block it stands in. When
+    // it has to step into the next block or flow instead, that step hands
+    // the one it leaves back to the writer (auto-recycled flows): a caller
+    // still using records from it asks here first.
+    bool next_in_place();
     // Moves to the successor when this flow is exhausted and final.
     bool hop();
     // True if the flow has a record at position (after a hop if due).
@@ -220,19 +219,7 @@ protected:
         return *reinterpret_cast<const uint32_t*>(block_end - 4 * (i + 1));
     }
 
-    // What the last step left behind, handed back by retire() at the next.
-    void retire() {
-        // A block change always sets retiring_pos (never 0 past the first block).
-        if (retiring_pos || retiring_flow) retire_left();
-    }
-    void retire_left();
-
     unsigned long seen_count;  // count as last read: records below it are whole
-    DataMem::Block* retiring_block;  // a read block of an auto-recycled flow
-    DataMem* retiring_mem;           // its memory and record count
-    unsigned long retiring_records;
-    unsigned long retiring_pos;      // the recycle position to publish with it
-    DataFlow* retiring_flow;         // an exhausted flow of an auto-recycled chain
     DataMem::Block* block;
     unsigned long block_first;  // the block's first record and data area,
     unsigned long block_base;   // read once per block; block_base is the id

@@ -129,6 +129,8 @@ const char* DataReader::read(unsigned short& length) {
         pending = nullptr;
         total += record->length;
         if (total >= length) break;
+        // The run is still to be used: do not step out of its block.
+        if (!iterator->next_in_place()) break;
         record = iterator->next();
         if (!record) break;
         pending = record;

@@ -8,8 +8,10 @@
 // reader goes back to memory by itself.
 //
 // read() gathers adjacent records into one stretch, so that a channel can
-// send a run of frames with one system call. The reader belongs to one
-// thread and never locks.
+// send a run of frames with one system call. A run ends where its block
+// does: the step into the next block or version may hand the run's block
+// back to the writer, so it is taken at the next read(), once the caller is
+// done with the run. The reader belongs to one thread and never locks.
 #pragma once
 
 #include "flow/dataflow.h"
