@@ -214,10 +214,8 @@ bool DataFlow::Iterator::next_in_place() {
         seen_count = f->count.load(std::memory_order_acquire);
         if (seen_count <= position) return false;
     }
-    // The test of next() for a record that opened the next block.
-    unsigned long k = position - block_base;
-    return offset + 4 * (k + 1) <= static_cast<unsigned long>(block_end - block_data) &&
-           table_entry(k) != DataMem::SEAL;
+    unsigned int behind;
+    return in_block(position - block_base, behind);
 }
 
 const DataFlow::Item* DataFlow::Iterator::next() {
@@ -249,8 +247,7 @@ const DataFlow::Item* DataFlow::Iterator::next() {
     unsigned int behind;
     // The block's constant fields are cached: its header shares a cache
     // line with the counters that the writer changes with every append.
-    if (offset + 4 * (k + 1) > static_cast<unsigned long>(block_end - block_data) ||
-        (behind = table_entry(k)) == DataMem::SEAL) {
+    if (!in_block(k, behind)) {
         // Record k opened the next block.
         // Acquire pairs with the link in alloc: the block's header is set.
         DataMem::Block* following = b->next.load(std::memory_order_acquire);

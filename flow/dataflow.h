@@ -218,6 +218,14 @@ protected:
     unsigned int table_entry(unsigned long i) const {
         return *reinterpret_cast<const uint32_t*>(block_end - 4 * (i + 1));
     }
+    // True when record k of the block lies in it, with behind the end of
+    // its bytes; false when the record opened the next block (no slot left
+    // for it in the table, or the seal in its slot). Record k is published.
+    bool in_block(unsigned long k, unsigned int& behind) const {
+        if (offset + 4 * (k + 1) > static_cast<unsigned long>(block_end - block_data)) return false;
+        behind = table_entry(k);
+        return behind != DataMem::SEAL;
+    }
 
     unsigned long seen_count;  // count as last read: records below it are whole
     DataMem::Block* block;
