@@ -53,11 +53,11 @@ struct MadeDirs {
 
 // A fresh directory for a trader's trade.con.
 inline std::string temp_dir(const char* prefix = "trader_") {
-    static std::atomic<int> serial{0};
     static MadeDirs made;
-    std::string dir = ::testing::TempDir() + prefix + std::to_string(getpid()) + "_" +
-                      std::to_string(serial.fetch_add(1));
-    mkdir(dir.c_str(), 0700);
+    // mkdtemp, not a name of our own: a directory left by an earlier
+    // process of the same pid must not hand us its trade.con.
+    std::string dir = ::testing::TempDir() + prefix + "XXXXXX";
+    if (!mkdtemp(dir.data())) return "";
     std::lock_guard<std::mutex> lock(made.mutex);
     made.dirs.push_back(dir);
     return dir + "/";
